@@ -1,0 +1,32 @@
+// Diagnostics services shared inside the module.
+#ifndef VANE_DEBUG_DEBUG_INTERNAL_H
+#define VANE_DEBUG_DEBUG_INTERNAL_H
+
+#include "kport/types.h"
+
+namespace vane {
+
+// Debug text buffer: load-time state (level 0, no buffer), then create and
+// destroy around the module's life. create: 0 or -ENOMEM.
+void debug_out_reset();
+int debug_buffer_create();
+void debug_buffer_destroy();
+// Empties the text area and sets the level (the debug proc file's write).
+void debug_buffer_clear_and_set_level(u32 level);
+
+// Packet counters.
+void counters_reset();
+void count_packet(u32 index);
+// Copies all counters, each read whole, into out[BYPASS_PKT_COUNT_NUM].
+void counters_snapshot(u32* out);
+
+// Debug command settings to their load-time values.
+void debug_settings_reset();
+
+// Capture store: 0 or -ENOMEM.
+int capture_store_create();
+void capture_store_destroy();
+
+}  // namespace vane
+
+#endif  // VANE_DEBUG_DEBUG_INTERNAL_H
