@@ -1,7 +1,21 @@
 /* The packet parser: an Ethernet frame at an offset of a packet becomes a
  * BYPASS_PKT_INFO_S. The parser only adds to the record (fields and bitmap
  * bits), so callers clear it first. It never reads at or beyond the length it
- * is given. */
+ * is given: a header that does not fit wholly counts as the end of the data
+ * (BYPASS_PARSE_ERR), and the record keeps what was found before it.
+ *
+ * Where the data ends inside a header:
+ *  - frame: fewer than offset + 24 bytes writes nothing; a VLAN tag or an
+ *    EtherType that would be read past the data ends the walk with only the
+ *    MAC bits set;
+ *  - IPv4: the stage writes nothing unless 20 bytes and the ports (IHL * 4 + 4
+ *    bytes) are there; the latter failing is BYPASS_PARSE_IPV4_SHORT;
+ *  - IPv6: the stage writes nothing unless the 40-byte header is there; an
+ *    extension header needs 8 bytes at its start and the UDP ports 4, else
+ *    the walk ends there. A walk that ends for want of data still records the
+ *    fragment position (bit 0x8) from any fragment header it passed.
+ * Offsets are summed without wrapping, so a large offset never lands back
+ * inside the buffer. */
 #ifndef DRV_VANE_PARSER_H
 #define DRV_VANE_PARSER_H
 
@@ -28,13 +42,13 @@
 #define BYPASS_IPFRAG_LAST 3
 
 /* Parser result codes. */
-#define BYPASS_PARSE_OK 0u             /* parsed up to the UDP or TCP header */
-#define BYPASS_PARSE_NOT_IP 1u         /* EtherType neither IPv4 nor IPv6 */
-#define BYPASS_PARSE_NOT_UDP_TCP 3u    /* IPv4 protocol neither 17 nor 6 */
-#define BYPASS_PARSE_IPV4_SHORT 4u     /* fewer bytes than IHL * 4 + 4 */
-#define BYPASS_PARSE_IPV6_ESP 5u       /* IPv6 chain reached ESP */
-#define BYPASS_PARSE_IPV6_OTHER 6u     /* IPv6 chain reached anything else */
-#define BYPASS_PARSE_ERR 100u          /* missing argument, or data too short */
+#define BYPASS_PARSE_OK 0u          /* parsed up to the UDP or TCP header */
+#define BYPASS_PARSE_NOT_IP 1u      /* EtherType neither IPv4 nor IPv6 */
+#define BYPASS_PARSE_NOT_UDP_TCP 3u /* IPv4 protocol neither 17 nor 6 */
+#define BYPASS_PARSE_IPV4_SHORT 4u  /* fewer bytes than IHL * 4 + 4 */
+#define BYPASS_PARSE_IPV6_ESP 5u    /* IPv6 chain reached ESP */
+#define BYPASS_PARSE_IPV6_OTHER 6u  /* IPv6 chain reached anything else */
+#define BYPASS_PARSE_ERR 100u       /* missing argument, or data too short */
 
 #define BYPASS_FIRST_FRAG_MARK 171u /* 0xAB */
 
