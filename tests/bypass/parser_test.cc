@@ -1,0 +1,295 @@
+#include "drv_vane/parser.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+
+#include "drv_vane/config.h"
+#include "support/packet_builder.h"
+
+namespace vane::test {
+namespace {
+
+constexpr u32 kBmpFrame = 0x7;    // MACs and EtherType
+constexpr u32 kBmpIpv4 = 0x13E0;  // addresses, id, ports, L4 offset
+constexpr u32 kBmpIpv6 = 0xC00;
+constexpr u32 kBmpL4 = 0x1300;
+
+struct Parsed {
+  u32 rc;
+  BYPASS_PKT_INFO_S info;
+};
+
+// Parses the first `len` bytes (all by default) from an allocation of exactly
+// that size, so that a sanitizer build catches any read past the end.
+Parsed Parse(const Bytes& pkt, u16 mac_off = 0, size_t len = SIZE_MAX) {
+  len = std::min(len, pkt.size());
+  std::unique_ptr<u8[]> buf(new u8[len]);
+  std::copy_n(pkt.begin(), len, buf.get());
+  Parsed out{};
+  out.rc = bypass_parse_pkt_multicore(buf.get(), static_cast<u32>(len), &out.info, mac_off);
+  return out;
+}
+
+PacketBuilder Eth() {
+  return PacketBuilder().ethernet(Mac("0a:0b:0c:00:00:05"), Mac("00:00:03:00:06:00"));
+}
+
+Ipv4Options V4() { return {.src = Ipv4Addr("29.12.12.12"), .dst = Ipv4Addr("29.13.13.13")}; }
+Ipv6Options V6() { return {.src = Ipv6Addr("1501::2"), .dst = Ipv6Addr("1501::1")}; }
+
+TEST(ParserFrameTest, Ipv4UdpBehindAnOffset) {
+  PacketBuilder b = PacketBuilder().filler(30, 0xEE);
+  b.ethernet(Mac("0a:0b:0c:00:00:05"), Mac("00:00:03:00:06:00"))
+      .ipv4({.src = Ipv4Addr("29.12.12.12"), .dst = Ipv4Addr("29.13.13.13"), .id = 0x1234})
+      .udp(5246, 65534)
+      .payload(10);
+  const Parsed p = Parse(b.build(), 30);
+  ASSERT_EQ(p.rc, BYPASS_PARSE_OK);
+  EXPECT_EQ(p.info.ulBmpInfo, kBmpFrame | kBmpIpv4 | BYPASS_PKT_BMP_IPFRAG);
+  EXPECT_EQ(0, std::memcmp(p.info.ucDstMac, Mac("0a:0b:0c:00:00:05").data(), 6));
+  EXPECT_EQ(0, std::memcmp(p.info.ucSrcMac, Mac("00:00:03:00:06:00").data(), 6));
+  EXPECT_EQ(p.info.usProtocolType, 0x0800);
+  EXPECT_EQ(p.info.usDataLength, b.size() - 30);
+  EXPECT_EQ(p.info.ulSrcIp, 0x1D0C0C0Cu);
+  EXPECT_EQ(p.info.ulDstIp, 0x1D0D0D0Du);
+  EXPECT_EQ(p.info.usSrcPort, 5246);
+  EXPECT_EQ(p.info.usDstPort, 65534);
+  EXPECT_EQ(p.info.ulId, 0x1234u);
+  EXPECT_EQ(p.info.ucIsUdpPkt, 1);
+  EXPECT_EQ(p.info.ucIpFrag, BYPASS_IPFRAG_NONE);
+  EXPECT_EQ(p.info.ulOffSetUdpLen, b.offset_of(Layer::kUdp));  // from the packet, not the frame
+}
+
+TEST(ParserFrameTest, VlanWalk) {
+  struct Case {
+    std::vector<uint16_t> tpids;
+    u32 rc;
+    u16 ether_type;
+  };
+  const Case cases[] = {
+      {{0x8100, 0x8100}, BYPASS_PARSE_OK, 0x0800},
+      {{0x9100, 0x8100}, BYPASS_PARSE_OK, 0x0800},
+      {{0x8100, 0x8100, 0x8100, 0x8100}, BYPASS_PARSE_OK, 0x0800},
+      // After four tags the fifth TPID is the EtherType.
+      {{0x8100, 0x8100, 0x8100, 0x8100, 0x8100}, BYPASS_PARSE_NOT_IP, 0x8100},
+      {{0x88A8}, BYPASS_PARSE_NOT_IP, 0x88A8},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(::testing::PrintToString(c.tpids));
+    PacketBuilder b = Eth();
+    for (uint16_t tpid : c.tpids) b.vlan(29, tpid);
+    b.ether_type(0x0800).ipv4(V4()).udp(1, 2);
+    const Parsed p = Parse(b.build());
+    EXPECT_EQ(p.rc, c.rc);
+    EXPECT_EQ(p.info.usProtocolType, c.ether_type);
+    if (c.rc == BYPASS_PARSE_OK) {
+      EXPECT_EQ(p.info.ulOffSetUdpLen, b.offset_of(Layer::kUdp));
+    }
+  }
+}
+
+TEST(ParserFrameTest, ShortFramesAndMissingArguments) {
+  const Bytes arp = Eth().ether_type(0x0806).payload(28).build();
+  EXPECT_EQ(Parse(arp, 4, 28).rc, BYPASS_PARSE_NOT_IP);  // exactly offset + 24 passes
+
+  Parsed p = Parse(arp, 4, 27);
+  EXPECT_EQ(p.rc, BYPASS_PARSE_ERR);
+  EXPECT_EQ(p.info.ulBmpInfo, 0u);
+  EXPECT_EQ(p.info.usDataLength, 0);
+
+  // Three tags fill the 24 bytes; the next TPID-or-EtherType is not there.
+  const Bytes tagged = Eth().vlan(1).vlan(2).vlan(3).ether_type(0x0800).build();
+  p = Parse(tagged, 0, 24);
+  EXPECT_EQ(p.rc, BYPASS_PARSE_ERR);
+  EXPECT_EQ(p.info.ulBmpInfo, BYPASS_PKT_BMP_DMAC | BYPASS_PKT_BMP_SMAC);
+
+  p = Parse(Eth().ether_type(0x0800).payload(19, 0x45).build());
+  EXPECT_EQ(p.rc, BYPASS_PARSE_ERR);  // IPv4 header cut short
+  EXPECT_EQ(p.info.ulBmpInfo, kBmpFrame);
+
+  BYPASS_PKT_INFO_S info{};
+  u8 byte = 0;
+  EXPECT_EQ(bypass_parse_pkt_multicore(nullptr, 64, &info, 0), BYPASS_PARSE_ERR);
+  EXPECT_EQ(bypass_parse_pkt_multicore(&byte, 1, nullptr, 0), BYPASS_PARSE_ERR);
+  EXPECT_EQ(bypass_parse_pkt_ipv4(nullptr, 64, &info, 0), BYPASS_PARSE_ERR);
+  EXPECT_EQ(bypass_parse_pkt_ipv6(nullptr, 64, &info, 0), BYPASS_PARSE_ERR);
+}
+
+TEST(ParserIpv4Test, FragmentPosition) {
+  struct Case {
+    bool df, mf;
+    uint16_t offset;
+    u8 want;
+  };
+  for (const Case c :
+       {Case{false, false, 0, BYPASS_IPFRAG_NONE}, Case{true, false, 0, 0},
+        Case{false, true, 0, BYPASS_IPFRAG_FIRST}, Case{false, true, 185, BYPASS_IPFRAG_MIDDLE},
+        Case{false, false, 185, BYPASS_IPFRAG_LAST}}) {
+    SCOPED_TRACE(::testing::Message() << c.df << c.mf << " " << c.offset);
+    Ipv4Options o = V4();
+    o.df = c.df;
+    o.mf = c.mf;
+    o.frag_offset = c.offset;
+    const Parsed p = Parse(Eth().ipv4(o).tcp(80, 8080).build());
+    EXPECT_EQ(p.rc, BYPASS_PARSE_OK);
+    EXPECT_EQ(p.info.ucIpFrag, c.want);
+    EXPECT_NE(p.info.ulBmpInfo & BYPASS_PKT_BMP_IPFRAG, 0u);
+    EXPECT_EQ(p.info.ucIsUdpPkt, 0);  // TCP
+    EXPECT_EQ(p.info.usDstPort, 8080);
+  }
+}
+
+TEST(ParserIpv4Test, HeaderLengthAndProtocol) {
+  Ipv4Options o = V4();
+  o.options = Bytes(4, 1);  // IHL 6: the ports move 4 bytes further
+  PacketBuilder b = Eth().ipv4(o).udp(67, 68);
+  Parsed p = Parse(b.build());
+  EXPECT_EQ(p.rc, BYPASS_PARSE_OK);
+  EXPECT_EQ(p.info.ulOffSetUdpLen, b.offset_of(Layer::kUdp));
+  EXPECT_EQ(p.info.usSrcPort, 67);
+
+  o = V4();
+  o.protocol = 1;
+  p = Parse(Eth().ipv4(o).icmp(8, 0).build());
+  EXPECT_EQ(p.rc, BYPASS_PARSE_NOT_UDP_TCP);
+  EXPECT_EQ(p.info.ulBmpInfo, kBmpFrame);
+
+  // IHL 15 claims 60 bytes; the ports need 4 more.
+  o = V4();
+  o.options = Bytes(40, 1);
+  const Bytes full = Eth().ipv4(o).udp(1, 2).build();
+  p = Parse(full, 0, 14 + 60 + 3);
+  EXPECT_EQ(p.rc, BYPASS_PARSE_IPV4_SHORT);
+  EXPECT_EQ(p.info.ulBmpInfo, kBmpFrame);
+  p = Parse(full, 0, 14 + 60 + 4);
+  EXPECT_EQ(p.rc, BYPASS_PARSE_OK);
+  EXPECT_EQ(p.info.usDstPort, 2);
+}
+
+TEST(ParserIpv6Test, UdpThroughExtensionHeaders) {
+  struct Case {
+    const char* name;
+    PacketBuilder b;
+  };
+  Case cases[] = {
+      {"plain", Eth().ipv6(V6())},
+      {"hop-by-hop", Eth().ipv6(V6()).hop_by_hop(0)},
+      {"chain", Eth().ipv6(V6()).hop_by_hop(1).routing(2).dest_opts(0).auth_header(4)},
+  };
+  for (Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    c.b.udp(546, 547).payload(4);
+    const Parsed p = Parse(c.b.build());
+    EXPECT_EQ(p.rc, BYPASS_PARSE_OK);
+    EXPECT_EQ(p.info.ulBmpInfo, kBmpFrame | kBmpIpv6 | kBmpL4 | BYPASS_PKT_BMP_IPFRAG);
+    EXPECT_EQ(p.info.ulOffSetUdpLen, c.b.offset_of(Layer::kUdp));
+    EXPECT_EQ(p.info.usSrcPort, 546);
+    EXPECT_EQ(p.info.usDstPort, 547);
+    EXPECT_EQ(p.info.ucIsUdpPkt, 0);
+    EXPECT_EQ(p.info.ucIpFrag, BYPASS_IPFRAG_NONE);
+    EXPECT_EQ(0, std::memcmp(p.info.ip6_stSrcAddr, Ipv6Addr("1501::2").data(), 16));
+    EXPECT_EQ(0, std::memcmp(p.info.ip6_stDstAddr, Ipv6Addr("1501::1").data(), 16));
+  }
+  EXPECT_EQ(cases[1].b.offset_of(Layer::kUdp) - cases[1].b.offset_of(Layer::kIpv6), 48u);
+}
+
+TEST(ParserIpv6Test, FragmentHeader) {
+  struct Case {
+    uint16_t offset;
+    bool more;
+    u8 want;
+  };
+  for (const Case c : {Case{0, true, BYPASS_IPFRAG_FIRST}, Case{185, true, BYPASS_IPFRAG_MIDDLE},
+                       Case{185, false, BYPASS_IPFRAG_LAST}}) {
+    SCOPED_TRACE(::testing::Message() << c.offset << (c.more ? " M" : ""));
+    const Parsed p =
+        Parse(Eth()
+                  .ipv6(V6())
+                  .ipv6_fragment({.frag_offset = 7, .more = true, .id = 1})
+                  .ipv6_fragment({.frag_offset = c.offset, .more = c.more, .id = 0xA1B2C3D4})
+                  .udp(1, 2)
+                  .build());
+    EXPECT_EQ(p.rc, BYPASS_PARSE_OK);
+    EXPECT_EQ(p.info.ucIpFrag, c.want);  // the later header wins
+    EXPECT_EQ(p.info.ulId, 0xA1B2C3D4u);
+    EXPECT_NE(p.info.ulBmpInfo & BYPASS_PKT_BMP_ID, 0u);
+  }
+}
+
+TEST(ParserIpv6Test, OtherNextHeadersStopWithoutFragmentPosition) {
+  struct Case {
+    uint8_t nh;
+    u32 rc;
+  };
+  for (const Case c : {Case{6, BYPASS_PARSE_IPV6_OTHER}, Case{58, BYPASS_PARSE_IPV6_OTHER},
+                       Case{50, BYPASS_PARSE_IPV6_ESP}}) {
+    SCOPED_TRACE(c.nh);
+    Ipv6Options o = V6();
+    o.next_header = c.nh;
+    const Parsed p = Parse(
+        Eth().ipv6(V6()).ipv6_fragment({.more = true, .next_header = c.nh}).payload(20).build());
+    EXPECT_EQ(p.rc, c.rc);
+    EXPECT_EQ(p.info.ulBmpInfo, kBmpFrame | kBmpIpv6 | BYPASS_PKT_BMP_ID);
+    EXPECT_EQ(Parse(Eth().ipv6(o).payload(20).build()).rc, c.rc);
+  }
+}
+
+// The data may end anywhere inside the chain; the walk must stop there.
+TEST(ParserIpv6Test, DataEndingInsideTheChain) {
+  const Bytes pkt =
+      Eth().ipv6(V6()).ipv6_fragment({.more = true, .id = 9}).hop_by_hop(1).udp(1, 2).build();
+  const size_t ip = 14, frag = ip + 40, hbh = frag + 8, udp = hbh + 16;
+  for (size_t len = 24; len < udp + 4; ++len) {
+    SCOPED_TRACE(len);
+    const Parsed p = Parse(pkt, 0, len);
+    EXPECT_EQ(p.rc, BYPASS_PARSE_ERR);
+    if (len < frag) {
+      EXPECT_EQ(p.info.ulBmpInfo, kBmpFrame);  // addresses need the whole header
+    } else if (len < hbh) {
+      EXPECT_EQ(p.info.ulBmpInfo, kBmpFrame | kBmpIpv6 | BYPASS_PKT_BMP_IPFRAG);
+      EXPECT_EQ(p.info.ucIpFrag, BYPASS_IPFRAG_NONE);
+    } else {
+      EXPECT_EQ(p.info.ulBmpInfo, kBmpFrame | kBmpIpv6 | BYPASS_PKT_BMP_ID | BYPASS_PKT_BMP_IPFRAG);
+      EXPECT_EQ(p.info.ucIpFrag, BYPASS_IPFRAG_FIRST);
+    }
+  }
+  EXPECT_EQ(Parse(pkt, 0, udp + 4).rc, BYPASS_PARSE_OK);
+
+  // Even a header we would not parse is an error when it would start at the end.
+  Ipv6Options o = V6();
+  o.next_header = 6;
+  EXPECT_EQ(Parse(Eth().ipv6(o).build()).rc, BYPASS_PARSE_ERR);
+}
+
+TEST(ParserMiscTest, DhcpFlag) {
+  EXPECT_EQ(bypass_getDhcpFlag(67, 68), BYPASS_DHCP_V4);
+  EXPECT_EQ(bypass_getDhcpFlag(68, 67), BYPASS_DHCP_NONE);
+  EXPECT_EQ(bypass_getDhcpFlag(547, 546), BYPASS_DHCP_V6);
+  EXPECT_EQ(bypass_getDhcpFlag(546, 547), BYPASS_DHCP_NONE);
+}
+
+class FirstFragMarkTest : public ::testing::Test {
+ protected:
+  void TearDown() override { bypass_pkt_offset.ulFirstFragFlagOffset = 0; }
+};
+
+TEST_F(FirstFragMarkTest, ReadsTheMarkOnlyInsideThePacket) {
+  std::unique_ptr<u8[]> pkt(new u8[64]());
+  pkt[50] = BYPASS_FIRST_FRAG_MARK;
+  pkt[63] = 7;
+  bypass_pkt_offset.ulFirstFragFlagOffset = 20;
+  EXPECT_EQ(bypass_proc_check_is_first_ipfrag(pkt.get(), 64, 30), BYPASS_FIRST_FRAG_MARK);
+  EXPECT_EQ(bypass_proc_check_is_first_ipfrag(pkt.get(), 64, 43), 7u);
+  EXPECT_EQ(bypass_proc_check_is_first_ipfrag(pkt.get(), 64, 44), 0u);
+  EXPECT_EQ(bypass_proc_check_is_first_ipfrag(nullptr, 64, 30), 100u);
+
+  // The sum must not wrap back into the packet.
+  bypass_pkt_offset.ulFirstFragFlagOffset = 0xFFFFFFFFu;
+  EXPECT_EQ(bypass_proc_check_is_first_ipfrag(pkt.get(), 64, 51), 0u);
+}
+
+}  // namespace
+}  // namespace vane::test
