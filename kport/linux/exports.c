@@ -1,0 +1,92 @@
+/* The symbols drv_vane exports to other kernel modules: every function and
+ * global of its public headers except the module's entry and exit, the
+ * netlink internals, sysfs attribute handlers and bypass_print_pkt_data.
+ * kport/linux/check-exports.sh fails the build when a C-linkage symbol of the
+ * core is neither listed here nor in its list of internal symbols.
+ *
+ * The exports are plain (not GPL-only) and versioned: genksyms computes each
+ * checksum from the C prototype these headers give, which is what a calling
+ * module sees too. */
+#include <linux/export.h>
+
+#include "drv_vane/capture.h"
+#include "drv_vane/config.h"
+#include "drv_vane/debug.h"
+#include "drv_vane/dispatch.h"
+#include "drv_vane/entry.h"
+#include "drv_vane/higig2.h"
+#include "drv_vane/netlink.h"
+#include "drv_vane/parser.h"
+#include "drv_vane/proc.h"
+
+/* Channels, handler registration and delivery. */
+EXPORT_SYMBOL(g_supp_netlink_kernel);
+EXPORT_SYMBOL(g_supp_fast_netlink_kernel);
+EXPORT_SYMBOL(netlink_connect);
+EXPORT_SYMBOL(netlink_disconnect);
+EXPORT_SYMBOL(netlink_send_msg);
+EXPORT_SYMBOL(netlink_fastsend_msg);
+EXPORT_SYMBOL(netlink_send_msg_vcpuid);
+EXPORT_SYMBOL(netlink_check_if_data_ipc);
+EXPORT_SYMBOL(netlink_check_if_data_vp);
+EXPORT_SYMBOL(netlink_check_if_data_ecm_vcpu);
+
+/* Start-up pieces. */
+EXPORT_SYMBOL(bypass_dev_init);
+EXPORT_SYMBOL(bypass_dev_exit);
+
+/* Configuration record. */
+EXPORT_SYMBOL(bypass_pkt_offset);
+EXPORT_SYMBOL(bypass_set_pktOffsetAndDebugFlag);
+EXPORT_SYMBOL(bypass_isSupportMulticore);
+EXPORT_SYMBOL(bypass_get_boardType);
+
+/* HiGig2 header fields. */
+EXPORT_SYMBOL(bypass_higig2_field_get);
+EXPORT_SYMBOL(bypass_higig2_field_set);
+EXPORT_SYMBOL(bypass_swapHgHdrOrder);
+EXPORT_SYMBOL(bypass_higDecode);
+
+/* Parser. */
+EXPORT_SYMBOL(bypass_parse_pkt_multicore);
+EXPORT_SYMBOL(bypass_parse_pkt_ipv4);
+EXPORT_SYMBOL(bypass_parse_pkt_ipv6);
+EXPORT_SYMBOL(bypass_getDhcpFlag);
+EXPORT_SYMBOL(bypass_proc_check_is_first_ipfrag);
+
+/* Dispatch pipeline and counters. */
+EXPORT_SYMBOL(g_bypassPktCounts);
+EXPORT_SYMBOL(g_pktprintfcout);
+EXPORT_SYMBOL(bypass_msg_getVCpuId);
+EXPORT_SYMBOL(bypass_proc_msg_multicore);
+
+/* Debug buffer, commands and printers. */
+EXPORT_SYMBOL(g_ulDebugLevel);
+EXPORT_SYMBOL(g_pstDebug);
+EXPORT_SYMBOL(g_ulDebugLen);
+EXPORT_SYMBOL(g_ulLBType);
+EXPORT_SYMBOL(g_ulVcpuId);
+EXPORT_SYMBOL(g_ulSwitchDebug);
+EXPORT_SYMBOL(g_ucPktTyep);
+EXPORT_SYMBOL(g_ulMulPid);
+EXPORT_SYMBOL(g_ulSendPid);
+EXPORT_SYMBOL(bypass_debug_out);
+EXPORT_SYMBOL(bypass_debug);
+EXPORT_SYMBOL(bypass_debug_pktoffset);
+EXPORT_SYMBOL(bypass_debug_pidInfo);
+EXPORT_SYMBOL(bypass_print_pkt);
+EXPORT_SYMBOL(bypass_print_All);
+
+/* /proc/bypassDebug. */
+EXPORT_SYMBOL(bypass_proc_dir);
+EXPORT_SYMBOL(g_bypass_proc_counts_fop);
+EXPORT_SYMBOL(g_bypass_proc_debug_fop);
+EXPORT_SYMBOL(bypass_proc_init);
+EXPORT_SYMBOL(bypass_proc_exit);
+EXPORT_SYMBOL(bypass_proc_readCounts);
+EXPORT_SYMBOL(bypass_proc_writeCounts);
+EXPORT_SYMBOL(bypass_proc_read_debug);
+EXPORT_SYMBOL(bypass_proc_write_debugLevel);
+
+/* Capture store. */
+EXPORT_SYMBOL(g_pstCatchPktData);
