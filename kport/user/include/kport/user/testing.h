@@ -149,6 +149,8 @@ void FailNth(Site site, unsigned n);
 void FailAlways(Site site);
 void Clear(Site site);
 void ClearAll();
+// Zeroes the site's counters; an armed failure stays armed.
+void ResetCounts(Site site);
 // Calls made at the site since the last Clear/ClearAll/ResetCounts.
 unsigned long Calls(Site site);
 // Failures injected at the site since then.
