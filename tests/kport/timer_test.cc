@@ -1,0 +1,188 @@
+// Timers under the manual clock (ordering, re-arming, deletion) and under
+// the timer thread (they fire on their own).
+#include "kport/timer.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <climits>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "kport/user/testing.h"
+
+namespace {
+
+namespace clk = kport::user::clock;
+
+// A timer that records (id, jiffies) each time it fires; the timer storage
+// comes first so the callback can find its owner.
+struct Probe {
+  kport_timer_t timer;
+  int id = 0;
+  int rearm_times = 0;  // re-arms itself this many times
+  unsigned long rearm_delay = 0;
+};
+
+std::vector<std::pair<int, unsigned long>> g_fired;
+
+void Record(kport_timer_t* t) {
+  auto* p = reinterpret_cast<Probe*>(t);
+  g_fired.emplace_back(p->id, kport_jiffies());
+  if (p->rearm_times > 0) {
+    --p->rearm_times;
+    EXPECT_EQ(kport_timer_mod(t, kport_jiffies() + p->rearm_delay), 0)
+        << "a running timer is not pending";
+  }
+}
+
+class ManualClockTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    clk::UseManual();
+    g_fired.clear();
+  }
+  void TearDown() override { EXPECT_EQ(clk::PendingTimers(), 0u); }
+
+  Probe* Make(int id) {
+    probes_.emplace_back(new Probe);
+    Probe* p = probes_.back().get();
+    p->id = id;
+    kport_timer_setup(&p->timer, Record);
+    return p;
+  }
+
+  std::vector<std::unique_ptr<Probe>> probes_;
+};
+
+TEST_F(ManualClockTest, FiresDueTimersInExpiryOrderAtTheirTick) {
+  const unsigned long t0 = kport_jiffies();
+  kport_timer_add(&Make(1)->timer, t0 + 5);
+  kport_timer_add(&Make(2)->timer, t0 + 2);
+  kport_timer_add(&Make(3)->timer, t0 + 2);
+
+  clk::Advance(1);
+  EXPECT_TRUE(g_fired.empty());
+  clk::Advance(9);
+  const std::vector<std::pair<int, unsigned long>> expected = {
+      {2, t0 + 2}, {3, t0 + 2}, {1, t0 + 5}};
+  EXPECT_EQ(g_fired, expected);
+  EXPECT_EQ(kport_jiffies(), t0 + 10);
+}
+
+TEST_F(ManualClockTest, OrderHoldsAcrossTheCounterWrap) {
+  clk::UseManual(ULONG_MAX - 1);
+  kport_timer_add(&Make(1)->timer, 2);  // three ticks after the wrap
+  kport_timer_add(&Make(2)->timer, ULONG_MAX);
+  clk::Advance(4);
+  const std::vector<std::pair<int, unsigned long>> expected = {{2, ULONG_MAX}, {1, 2}};
+  EXPECT_EQ(g_fired, expected);
+}
+
+TEST_F(ManualClockTest, CallbackMayRearmItself) {
+  Probe* p = Make(1);
+  p->rearm_times = 2;
+  p->rearm_delay = 3;
+  const unsigned long t0 = kport_jiffies();
+  kport_timer_add(&p->timer, t0 + 1);
+  clk::Advance(20);
+  const std::vector<std::pair<int, unsigned long>> expected = {
+      {1, t0 + 1}, {1, t0 + 4}, {1, t0 + 7}};
+  EXPECT_EQ(g_fired, expected);
+}
+
+TEST_F(ManualClockTest, RearmForNowFiresAtTheNextTickNotInALoop) {
+  Probe* p = Make(1);
+  p->rearm_times = 100;
+  p->rearm_delay = 0;
+  const unsigned long t0 = kport_jiffies();
+  kport_timer_add(&p->timer, t0);  // already due
+  clk::Advance(3);
+  const std::vector<std::pair<int, unsigned long>> expected = {
+      {1, t0 + 1}, {1, t0 + 2}, {1, t0 + 3}};
+  EXPECT_EQ(g_fired, expected);
+  EXPECT_EQ(kport_timer_del_sync(&p->timer), 1);
+}
+
+TEST_F(ManualClockTest, ModAndDeleteReportWhetherPending) {
+  Probe* p = Make(1);
+  const unsigned long t0 = kport_jiffies();
+  EXPECT_EQ(kport_timer_mod(&p->timer, t0 + 5), 0);
+  EXPECT_EQ(kport_timer_mod(&p->timer, t0 + 2), 1);
+  EXPECT_TRUE(kport_timer_pending(&p->timer));
+  EXPECT_EQ(clk::PendingTimers(), 1u);
+  clk::Advance(2);
+  ASSERT_EQ(g_fired.size(), 1u) << "the later expiry replaced the earlier";
+  EXPECT_FALSE(kport_timer_pending(&p->timer));
+
+  kport_timer_add(&p->timer, t0 + 10);
+  EXPECT_EQ(kport_timer_del_sync(&p->timer), 1);
+  EXPECT_EQ(kport_timer_del_sync(&p->timer), 0);
+  clk::Advance(20);
+  EXPECT_EQ(g_fired.size(), 1u);
+}
+
+// del_timer_sync() on a running timer: waits for the callback, and deletes
+// what the callback re-armed.
+struct Blocking {
+  kport_timer_t timer;
+  std::atomic<bool> entered{false};
+  std::atomic<bool> release{false};
+  std::atomic<bool> finished{false};
+};
+
+void BlockingFire(kport_timer_t* t) {
+  auto* b = reinterpret_cast<Blocking*>(t);
+  b->entered = true;
+  while (!b->release) std::this_thread::yield();
+  for (int i = 0; i < 1000; ++i) std::this_thread::yield();
+  kport_timer_mod(t, kport_jiffies() + 1);
+  b->finished = true;
+}
+
+TEST_F(ManualClockTest, DelSyncWaitsForTheRunningCallback) {
+  Blocking b;
+  kport_timer_setup(&b.timer, BlockingFire);
+  kport_timer_add(&b.timer, kport_jiffies() + 1);
+  std::thread advancer([] { clk::Advance(1); });
+  while (!b.entered) std::this_thread::yield();
+  b.release = true;
+  EXPECT_EQ(kport_timer_del_sync(&b.timer), 1) << "re-armed by the callback";
+  EXPECT_TRUE(b.finished);
+  EXPECT_FALSE(kport_timer_pending(&b.timer));
+  advancer.join();
+}
+
+struct Flag {
+  kport_timer_t timer;
+  std::mutex mu;
+  std::condition_variable cv;
+  bool fired = false;
+};
+
+void SetFlag(kport_timer_t* t) {
+  auto* f = reinterpret_cast<Flag*>(t);
+  std::lock_guard lock(f->mu);
+  f->fired = true;
+  f->cv.notify_all();
+}
+
+TEST(TimerThread, DueTimersFireOnTheirOwn) {
+  clk::UseTimerThread();
+  EXPECT_FALSE(clk::IsManual());
+  EXPECT_EQ(kport_hz(), 250u);
+  Flag f;
+  kport_timer_setup(&f.timer, SetFlag);
+  kport_timer_add(&f.timer, kport_jiffies() + 2);
+  {
+    std::unique_lock lock(f.mu);
+    EXPECT_TRUE(f.cv.wait_for(lock, std::chrono::seconds(30), [&] { return f.fired; }));
+  }
+  kport_timer_del_sync(&f.timer);
+  clk::UseManual();
+}
+
+}  // namespace
