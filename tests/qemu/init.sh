@@ -1,0 +1,87 @@
+#!/bin/busybox sh
+# /init of the qemu guest (busybox). Loads kbndsafe, drv_vane and
+# vane_drvsim, runs the scenarios, unloads in reverse order, checks what
+# must be gone, dumps the kernel log and powers off. One line per check:
+#   VANE-PASS <name>   or   VANE-FAIL <name>: <why>
+# then "VANE-VERDICT PASS|FAIL"; tests/qemu/run.sh judges the serial log.
+/bin/busybox --install -s /bin
+export PATH=/bin
+mount -t proc proc /proc
+mount -t sysfs sysfs /sys
+mount -t devtmpfs devtmpfs /dev
+
+M=/lib/vane
+FAILS=0
+
+pass() { echo "VANE-PASS $1"; }
+fail() {
+    echo "VANE-FAIL $1: $2"
+    FAILS=$((FAILS + 1))
+}
+# check <name> <why> <command...>
+check() {
+    name=$1 why=$2
+    shift 2
+    if "$@"; then pass "$name"; else fail "$name" "$why"; fi
+}
+loaded() { grep -q "^$1 " /proc/modules; }
+absent() { ! loaded "$1"; }
+
+echo "VANE-BEGIN $(uname -r) $(uname -m), $(grep -c ^processor /proc/cpuinfo) cpus"
+
+check load-kbndsafe "insmod kbndsafe.ko failed" insmod $M/kbndsafe.ko
+
+# Start-up while another kernel socket holds protocol 26: -ENOMEM, and
+# nothing left behind (no proc directory, protocol 27 not served).
+if insmod $M/vane_nlhold.ko; then
+    out=$(insmod $M/drv_vane.ko 2>&1)
+    rc=$?
+    case "$rc:$out" in
+    0:*) fail startup-proto26-taken "insmod succeeded" ;;
+    *"Cannot allocate memory"*) pass startup-proto26-taken ;;
+    *) fail startup-proto26-taken "insmod said: $out" ;;
+    esac
+    check startup-failure-leaves-nothing "drv_vane loaded or /proc/bypassDebug left" \
+        sh -c "! grep -q '^drv_vane ' /proc/modules && [ ! -e /proc/bypassDebug ]"
+    /bin/vane_scenarios noproto startup-failure-no-socket 27 || FAILS=$((FAILS + 1))
+    check unload-nlhold "rmmod vane_nlhold failed" rmmod vane_nlhold
+else
+    fail startup-proto26-taken "the helper could not take protocol 26"
+fi
+
+# Load and unload a few times: each load starts from the load-time state.
+cycles_ok=1
+for i in 1 2 3; do
+    insmod $M/drv_vane.ko && rmmod drv_vane || cycles_ok=0
+done
+check load-unload-cycles "insmod/rmmod of drv_vane failed" [ $cycles_ok = 1 ]
+
+check load-drv_vane "insmod drv_vane.ko failed" insmod $M/drv_vane.ko
+check load-drvsim "insmod vane_drvsim.ko failed" insmod $M/vane_drvsim.ko
+check proc-entries "/proc/bypassDebug or /proc/vane_drvsim missing" \
+    [ -d /proc/bypassDebug -a -e /proc/bypassDebug/counts -a -e /proc/vane_drvsim/send ]
+check module-version "/sys/module/drv_vane/version is not 1.0" \
+    [ "$(cat /sys/module/drv_vane/version 2>/dev/null)" = 1.0 ]
+check module-holders "kbndsafe does not hold drv_vane, or drv_vane not vane_drvsim" \
+    [ -e /sys/module/kbndsafe/holders/drv_vane -a -e /sys/module/drv_vane/holders/vane_drvsim ]
+
+if loaded drv_vane && loaded vane_drvsim; then
+    /bin/vane_scenarios || FAILS=$((FAILS + 1))
+    check refcount-after-scenarios "drv_vane still referenced by open sockets" \
+        [ "$(cat /sys/module/drv_vane/refcnt)" = 1 ]
+fi
+
+check unload-drvsim "rmmod vane_drvsim failed" rmmod vane_drvsim
+check unload-drv_vane "rmmod drv_vane failed" rmmod drv_vane
+check unload-leaves-no-proc "/proc/bypassDebug remains" [ ! -e /proc/bypassDebug ]
+/bin/vane_scenarios noproto unload-closes-socket 26 27 || FAILS=$((FAILS + 1))
+check unload-kbndsafe "rmmod kbndsafe failed" rmmod kbndsafe
+check all-unloaded "a module is still loaded" \
+    sh -c "! grep -qE '^(kbndsafe|drv_vane|vane_drvsim|vane_nlhold) ' /proc/modules"
+
+echo VANE-DMESG-BEGIN
+dmesg
+echo VANE-DMESG-END
+if [ $FAILS = 0 ]; then echo "VANE-VERDICT PASS"; else echo "VANE-VERDICT FAIL"; fi
+sync
+poweroff -f
