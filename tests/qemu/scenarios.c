@@ -633,6 +633,56 @@ static int sc_length_limits(void)
 	return 1;
 }
 
+/* The kernel bounds a receiver's queue by bytes (its receive buffer), not
+ * by messages: once it is full a delivery answers -EAGAIN, and the
+ * receiver's next recv() reports the overrun once with ENOBUFS before the
+ * queued messages. */
+static int sc_queue_full_eagain(void)
+{
+	uint32_t len = ecm_packet(pkt, 1);
+	int queued = 0, drained = 0, r = 0, n;
+
+	while (queued < 100000) {
+		r = drvsim(0, 2, pkt, len);
+		if (r <= 0)
+			break;
+		queued++;
+	}
+	CHECK(r == -11, "after %d queued packets the answer was %d, expected -11", queued, r);
+	n = (int)recv(s26, msg, sizeof(msg), MSG_DONTWAIT);
+	CHECK(n < 0 && errno == ENOBUFS, "first recv after the overrun: %d (errno %d)", n, errno);
+	while (nl_recv(s26, msg, sizeof(msg), 0) > 0)
+		drained++;
+	CHECK(drained == queued, "%d packets queued, %d received", queued, drained);
+	r = drvsim(0, 2, pkt, len);
+	CHECK(r > 0 && nl_recv(s26, msg, sizeof(msg), 1000) > 0, "no delivery after draining (%d)", r);
+	printf("vane-queue: %d messages of %u bytes fit before -EAGAIN\n", queued,
+	       16 + align4(len + 8));
+	return 1;
+}
+
+static int read_refcnt(void)
+{
+	char text[16];
+
+	return read_text("/sys/module/drv_vane/refcnt", text, sizeof(text)) > 0 ? atoi(text) : -1;
+}
+
+/* Every open socket of the module's protocols holds a reference on it. */
+static int sc_socket_holds_module(void)
+{
+	int before = read_refcnt(), during, after;
+	int fd = socket(AF_NETLINK, SOCK_RAW, PROTO_FAST);
+
+	CHECK(fd >= 0, "socket: errno %d", errno);
+	during = read_refcnt();
+	close(fd);
+	after = read_refcnt();
+	CHECK(before > 0 && during == before + 1 && after == before,
+	      "refcnt %d, with one more socket %d, after closing it %d", before, during, after);
+	return 1;
+}
+
 static int sc_icmp_fast_channel(void)
 {
 	uint32_t len = icmp_echo(pkt, 0);
@@ -898,6 +948,8 @@ int main(int argc, char **argv)
 	run("handler-msg3", sc_handler_msg3);
 	run("default-receiver-bytes", sc_default_receiver_bytes);
 	run("length-limits", sc_length_limits);
+	run("queue-full-eagain", sc_queue_full_eagain);
+	run("socket-holds-module", sc_socket_holds_module);
 	run("icmp-fast-channel", sc_icmp_fast_channel);
 	run("ecm-to-vcpu-worker", sc_ecm_to_vcpu_worker);
 	run("debug-buffer", sc_debug_buffer);
