@@ -36,8 +36,8 @@ inline T exchange_acq_rel(T* p, U v) {
 // Weak compare-and-swap; on failure *expected holds the current value.
 template <typename T, typename U>
 inline bool cas_acq_rel(T* p, T* expected, U desired) {
-  return __atomic_compare_exchange_n(p, expected, static_cast<T>(desired), true,
-                                     __ATOMIC_ACQ_REL, __ATOMIC_RELAXED);
+  return __atomic_compare_exchange_n(p, expected, static_cast<T>(desired), true, __ATOMIC_ACQ_REL,
+                                     __ATOMIC_RELAXED);
 }
 // Replaces *p by f(*p) atomically; returns the new value.
 template <typename T, typename F>

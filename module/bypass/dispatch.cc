@@ -4,13 +4,13 @@
 // Context: the packet path, any processor, many packets at once. Nothing is
 // allocated, nothing sleeps, no lock is taken: the configuration is one
 // consistent snapshot per packet and counters are atomic.
+#include "drv_vane/dispatch.h"
 #include "base/atomic.h"
 #include "base/bytes.h"
 #include "bypass/config_internal.h"
 #include "debug/debug_internal.h"
 #include "drv_vane/config.h"
 #include "drv_vane/debug.h"
-#include "drv_vane/dispatch.h"
 #include "drv_vane/netlink.h"
 #include "drv_vane/status.h"
 
@@ -22,9 +22,9 @@ namespace {
 constexpr u16 kEcmVpEthType = 0x06A4;  // behind one VLAN tag of an ECM/VP frame
 constexpr u16 kTagMask = 0xEFFF;
 constexpr u16 kVlanTpid = 0x8100;
-constexpr u32 kEcmVcpuByte = 21;    // vCPU number after the inner MAC prefix
-constexpr u32 kEcmMinLen = 22;      // bytes 0..21
-constexpr u32 kVpTagTestAt = 30;    // tag test of the VP fragment hand-off
+constexpr u32 kEcmVcpuByte = 21;  // vCPU number after the inner MAC prefix
+constexpr u32 kEcmMinLen = 22;    // bytes 0..21
+constexpr u32 kVpTagTestAt = 30;  // tag test of the VP fragment hand-off
 constexpr u32 kEncapVlanId = 4094;
 constexpr u16 kEncapEthType = 0x0724;
 
@@ -88,8 +88,7 @@ void count_decision(u32 count, const u8* list) {
 }  // namespace
 }  // namespace vane
 
-extern "C" u32 bypass_proc_msg_multicore(u8* pucPkt, u32 ulLen, u32* pulVcpuNum,
-                                         u8* pucVcpuList) {
+extern "C" u32 bypass_proc_msg_multicore(u8* pucPkt, u32 ulLen, u32* pulVcpuNum, u8* pucVcpuList) {
   using namespace vane;
   if (pucPkt == nullptr || pulVcpuNum == nullptr || pucVcpuList == nullptr) {
     return BYPASS_ERR_PARA;
@@ -103,8 +102,7 @@ extern "C" u32 bypass_proc_msg_multicore(u8* pucPkt, u32 ulLen, u32* pulVcpuNum,
   u16 tci = 0;
   u16 inner_type = 0;
   if (cfg.ulIsNoHgHdr == 1 && cfg.ulIsEcmVpOnly == 1 && pkt.be16(14, &tci) &&
-      pkt.be16(16, &inner_type) && (tci & 0x0FFF) == kEncapVlanId &&
-      inner_type == kEncapEthType) {
+      pkt.be16(16, &inner_type) && (tci & 0x0FFF) == kEncapVlanId && inner_type == kEncapEthType) {
     mac_offset = cfg.ulInnerMacOffset;
   }
   if (mac_offset > ulLen) return BYPASS_ERR_PARA;
@@ -134,7 +132,8 @@ extern "C" void bypass_msg_getVCpuId(u8* pucBuf, u32 ulLen, u32* pulVcpuNum, u8*
 
   if (in_range(eth_num, cfg.ulMultiCoreEthNumMin, cfg.ulMultiCoreEthNumMax)) {
     (void)bypass_proc_msg_multicore(pkt, pkt_len, pulVcpuNum, pucVcpuList);
-  } else if (eth_num == cfg.ulEcmEthNum || in_range(eth_num, cfg.ulVpEthNumMin, cfg.ulVpEthNumMax)) {
+  } else if (eth_num == cfg.ulEcmEthNum ||
+             in_range(eth_num, cfg.ulVpEthNumMin, cfg.ulVpEthNumMax)) {
     if (cfg.ulBoardType == BYPASS_BOARD_TYPE_NO_ECM) return;
     ByteView view(pkt, pkt_len);
     const u8 vcpu = ecm_vcpu(view);
@@ -146,8 +145,9 @@ extern "C" void bypass_msg_getVCpuId(u8* pucBuf, u32 ulLen, u32* pulVcpuNum, u8*
       *pulVcpuNum = 1;
       pucVcpuList[0] = vcpu;
       count_packet(BYPASS_PKT_COUNT_ECM_BASE + vcpu);
-      bypass_debug_out(BYPASS_DEBUG_LEVEL_PKT, "\r\nBypass dispatch ecm packet to vcpuid:%d,ethNum=%d",
-                       vcpu, static_cast<int>(eth_num));
+      bypass_debug_out(BYPASS_DEBUG_LEVEL_PKT,
+                       "\r\nBypass dispatch ecm packet to vcpuid:%d,ethNum=%d", vcpu,
+                       static_cast<int>(eth_num));
       bypass_print_pkt(pucBuf, ulLen, BYPASS_PKT_PREFIX_LEN, 1);
     }
   }

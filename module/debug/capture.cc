@@ -1,7 +1,7 @@
 // The packet capture store, allocated for the module's whole life.
+#include "drv_vane/capture.h"
 #include "base/atomic.h"
 #include "debug/debug_internal.h"
-#include "drv_vane/capture.h"
 #include "kport/errno.h"
 #include "kport/mem.h"
 

@@ -40,26 +40,26 @@ void print_board_and_level() {
 // build yet (self-test packets, capture and steering-table printouts) and
 // does nothing.
 constexpr Command kCommands[BYPASS_DEBUG_CMD_NUM] = {
-    [] { update(&g_ulLBType, [](u64 v) { return (v + 1) % 5; }); },          // 1
-    [] { update(&g_ulVcpuId, [](u64 v) { return (v + 1) % 100; }); },        // 2
-    bypass_debug_pktoffset,                                                   // 3
-    nullptr,                                                                  // 4
-    nullptr,                                                                  // 5
-    nullptr,                                                                  // 6
-    nullptr,                                                                  // 7
-    nullptr,                                                                  // 8
-    [] { store_relaxed(&g_ulSwitchDebug, 0); },                              // 9
-    [] { store_relaxed(&g_ulSwitchDebug, 1); },                              // 10
-    [] { fetch_add_relaxed(&g_ucPktTyep, 1); },                              // 11
-    print_board_and_level,                                                    // 12
-    [] { fetch_add_relaxed(&g_ucPktTyep, 0xFF); },                           // 13
-    [] { update(&g_ulMulPid, [](u64 v) { return v * 10; }); },               // 14
-    [] { update(&g_ulMulPid, [](u64 v) { return v != 1 ? v / 10 : v; }); },  // 15
-    [] { store_relaxed(&g_pktprintfcout, kPacketDumpCount); },               // 16
+    [] { update(&g_ulLBType, [](u64 v) { return (v + 1) % 5; }); },                     // 1
+    [] { update(&g_ulVcpuId, [](u64 v) { return (v + 1) % 100; }); },                   // 2
+    bypass_debug_pktoffset,                                                             // 3
+    nullptr,                                                                            // 4
+    nullptr,                                                                            // 5
+    nullptr,                                                                            // 6
+    nullptr,                                                                            // 7
+    nullptr,                                                                            // 8
+    [] { store_relaxed(&g_ulSwitchDebug, 0); },                                         // 9
+    [] { store_relaxed(&g_ulSwitchDebug, 1); },                                         // 10
+    [] { fetch_add_relaxed(&g_ucPktTyep, 1); },                                         // 11
+    print_board_and_level,                                                              // 12
+    [] { fetch_add_relaxed(&g_ucPktTyep, 0xFF); },                                      // 13
+    [] { update(&g_ulMulPid, [](u64 v) { return v * 10; }); },                          // 14
+    [] { update(&g_ulMulPid, [](u64 v) { return v != 1 ? v / 10 : v; }); },             // 15
+    [] { store_relaxed(&g_pktprintfcout, kPacketDumpCount); },                          // 16
     [] { update(&g_ulSendPid, [](u64 v) { return v - load_relaxed(&g_ulMulPid); }); },  // 17
-    bypass_debug_pidInfo,  // 18
-    nullptr,               // 19
-    nullptr,               // 20
+    bypass_debug_pidInfo,                                                               // 18
+    nullptr,                                                                            // 19
+    nullptr,                                                                            // 20
 };
 
 }  // namespace
@@ -97,9 +97,7 @@ extern "C" void bypass_debug_pidInfo(void) {
   const u32* f = g_supp_fast_netlink_kernel.aulVcpuPid;
   kport_printk(KPORT_LOGLEVEL_ALERT, "\r\n**bypass_debug_pidInfo****\r\n");
   kport_printk(KPORT_LOGLEVEL_ALERT, "\r\n**bypass_debug_pidInfo1-4:[%u,%u,%u,%u]****\r\n",
-               load_relaxed(&n[1]), load_relaxed(&n[2]), load_relaxed(&n[3]),
-               load_relaxed(&n[4]));
+               load_relaxed(&n[1]), load_relaxed(&n[2]), load_relaxed(&n[3]), load_relaxed(&n[4]));
   kport_printk(KPORT_LOGLEVEL_ALERT, "\r\n**bypass_debug_pidInfo1-4:[%u,%u,%u,%u]**fast**\r\n",
-               load_relaxed(&f[1]), load_relaxed(&f[2]), load_relaxed(&f[3]),
-               load_relaxed(&f[4]));
+               load_relaxed(&f[1]), load_relaxed(&f[2]), load_relaxed(&f[3]), load_relaxed(&f[4]));
 }

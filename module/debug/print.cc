@@ -51,9 +51,9 @@ extern "C" void bypass_print_pkt(u8* pucPkt, u32 ulLen, u32 ulOffset, u32 ulSkip
     // A header that would lie past the packet is left out rather than read.
     if (const u8* h = pkt.at(cfg.ulHgHdrOffset, kHgHdrLen)) {
       text.append(
-          "\r\nHGHDR:\r\n%02x%02x%02x%02x-%02x%02x%02x%02x-%02x%02x%02x%02x-%02x%02x%02x%02x",
-          h[0], h[1], h[2], h[3], h[4], h[5], h[6], h[7], h[8], h[9], h[10], h[11], h[12], h[13],
-          h[14], h[15]);
+          "\r\nHGHDR:\r\n%02x%02x%02x%02x-%02x%02x%02x%02x-%02x%02x%02x%02x-%02x%02x%02x%02x", h[0],
+          h[1], h[2], h[3], h[4], h[5], h[6], h[7], h[8], h[9], h[10], h[11], h[12], h[13], h[14],
+          h[15]);
     }
   }
   const u64 min_len = static_cast<u64>(ulOffset) + 16;

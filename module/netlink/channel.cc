@@ -40,7 +40,9 @@ u32 channel_vcpu_pid(const SUPP_NETLINK_KERNEL_S* rec, u32 vcpu) {
   return vcpu < NETLINK_VCPU_SLOT_NUM ? load_relaxed(&rec->aulVcpuPid[vcpu]) : 0;
 }
 
-struct sock* channel_sock(const SUPP_NETLINK_KERNEL_S* rec) { return load_acquire(&rec->pstSock); }
+struct sock* channel_sock(const SUPP_NETLINK_KERNEL_S* rec) {
+  return load_acquire(&rec->pstSock);
+}
 
 void channel_set_sock(SUPP_NETLINK_KERNEL_S* rec, struct sock* sk) {
   store_release(&rec->pstSock, sk);

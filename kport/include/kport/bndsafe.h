@@ -47,8 +47,7 @@ int memset_s(void* dest, size_t destMax, int c, size_t count);
 int sprintf_s(char* dest, size_t destMax, const char* format, ...) KPORT_PRINTF(3, 4);
 int snprintf_s(char* dest, size_t destMax, size_t count, const char* format, ...)
     KPORT_PRINTF(4, 5);
-int vsprintf_s(char* dest, size_t destMax, const char* format, kport_va_list ap)
-    KPORT_PRINTF(3, 0);
+int vsprintf_s(char* dest, size_t destMax, const char* format, kport_va_list ap) KPORT_PRINTF(3, 0);
 
 KPORT_EXTERN_C_END
 

@@ -46,8 +46,7 @@ void kport_spin_lock_destroy(kport_spinlock_t* lock);
 void kport_spin_lock_bh(kport_spinlock_t* lock) KPORT_ACQUIRE(lock);
 void kport_spin_unlock_bh(kport_spinlock_t* lock) KPORT_RELEASE(lock);
 void kport_spin_lock_irqsave(kport_spinlock_t* lock, unsigned long* flags) KPORT_ACQUIRE(lock);
-void kport_spin_unlock_irqrestore(kport_spinlock_t* lock, unsigned long flags)
-    KPORT_RELEASE(lock);
+void kport_spin_unlock_irqrestore(kport_spinlock_t* lock, unsigned long flags) KPORT_RELEASE(lock);
 
 /* Busy-wait hint for spin loops (cpu_relax()). */
 void kport_cpu_relax(void);

@@ -21,8 +21,7 @@ KPORT_EXTERN_C_BEGIN
 void kport_printk(int level, const char* fmt, ...) KPORT_PRINTF(2, 3);
 /* vsnprintf(): writes at most size - 1 characters and a terminator (when
  * size > 0) and returns the length the whole output would have had. */
-int kport_vsnprintf(char* buf, size_t size, const char* fmt, kport_va_list ap)
-    KPORT_PRINTF(3, 0);
+int kport_vsnprintf(char* buf, size_t size, const char* fmt, kport_va_list ap) KPORT_PRINTF(3, 0);
 
 KPORT_EXTERN_C_END
 

@@ -32,8 +32,7 @@ KPORT_EXTERN_C_BEGIN
  * the name exists). */
 struct proc_dir_entry* kport_proc_mkdir(const char* name, struct proc_dir_entry* parent);
 /* proc_create(); `ops` must outlive the entry. NULL on failure. */
-struct proc_dir_entry* kport_proc_create(const char* name, u16 mode,
-                                         struct proc_dir_entry* parent,
+struct proc_dir_entry* kport_proc_create(const char* name, u16 mode, struct proc_dir_entry* parent,
                                          const struct kport_proc_ops* ops);
 /* remove_proc_entry(): removes a file or an empty directory by name. */
 void kport_remove_proc_entry(const char* name, struct proc_dir_entry* parent);
@@ -42,8 +41,8 @@ void kport_remove_proc_entry(const char* name, struct proc_dir_entry* parent);
  * bytes) at *ppos, at most `count` bytes, to the user buffer and advances
  * *ppos. 0 at or past the end, -EINVAL for a negative position, -EFAULT when
  * nothing could be copied. */
-ssize_t kport_simple_read_from_buffer(char* to, size_t count, kport_loff_t* ppos,
-                                      const void* from, size_t available);
+ssize_t kport_simple_read_from_buffer(char* to, size_t count, kport_loff_t* ppos, const void* from,
+                                      size_t available);
 
 KPORT_EXTERN_C_END
 

@@ -44,8 +44,6 @@ unsigned long kport_hz(void);
 
 KPORT_EXTERN_C_END
 
-static inline int kport_time_after(unsigned long a, unsigned long b) {
-  return (long)(b - a) < 0;
-}
+static inline int kport_time_after(unsigned long a, unsigned long b) { return (long)(b - a) < 0; }
 
 #endif /* KPORT_TIMER_H */

@@ -6,8 +6,8 @@
 #include "kport/compiler.h"
 #include "kport/types.h"
 
-#define BYPASS_DEBUG_LEVEL_ERR 1u  /* errors and configuration events */
-#define BYPASS_DEBUG_LEVEL_PKT 4u  /* per-packet trace */
+#define BYPASS_DEBUG_LEVEL_ERR 1u /* errors and configuration events */
+#define BYPASS_DEBUG_LEVEL_PKT 4u /* per-packet trace */
 
 #define BYPASS_DEBUG_BUF_ALLOC 0x8080u /* 32,896 bytes allocated */
 #define BYPASS_DEBUG_BUF_TEXT 0x8000u  /* 32,768 bytes of text at most */

@@ -16,7 +16,7 @@
 
 #define NETLINK_VCPU_SLOT_NUM 64
 #define NETLINK_MSG_HANDLER_NUM 16
-#define NETLINK_MSG_TYPE_MAX 15     /* packet message types are 1..15 */
+#define NETLINK_MSG_TYPE_MAX 15 /* packet message types are 1..15 */
 #define NETLINK_MSG_DATA_LEN_MAX 10000u
 
 /* Control message ids (byte 16 of a control message). Ids 1-4, 7-9, 12 and
@@ -36,8 +36,8 @@ typedef int (*NETLINK_MSG_HANDLER_PF)(void* pPayload, u32 ulLen);
 
 typedef struct tagSUPP_NETLINK_KERNEL {
   struct sock* pstSock;
-  u32 ulPid;                                    /* default receiver; 0 = none */
-  u32 aulVcpuPid[NETLINK_VCPU_SLOT_NUM];        /* per-vCPU port id; 0 = none */
+  u32 ulPid;                             /* default receiver; 0 = none */
+  u32 aulVcpuPid[NETLINK_VCPU_SLOT_NUM]; /* per-vCPU port id; 0 = none */
   NETLINK_MSG_HANDLER_PF apfnMsgHandler[NETLINK_MSG_HANDLER_NUM];
 } SUPP_NETLINK_KERNEL_S;
 

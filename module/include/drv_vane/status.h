@@ -16,10 +16,10 @@
 #define DRV_VANE_STATUS_H
 
 #define BYPASS_OK 0u
-#define BYPASS_ERR_NOT_FOUND 1u     /* no record matches the key */
-#define BYPASS_ERR_PARA 100u        /* missing or bad argument */
-#define BYPASS_ERR_NO_MEM 101u      /* no memory */
-#define BYPASS_ERR_BUCKET 103u      /* bucket index out of range */
+#define BYPASS_ERR_NOT_FOUND 1u /* no record matches the key */
+#define BYPASS_ERR_PARA 100u    /* missing or bad argument */
+#define BYPASS_ERR_NO_MEM 101u  /* no memory */
+#define BYPASS_ERR_BUCKET 103u  /* bucket index out of range */
 
 #define WLAN_LB_OK 0u
 #define WLAN_LB_ERR 1u
