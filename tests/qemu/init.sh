@@ -31,6 +31,20 @@ echo "VANE-BEGIN $(uname -r) $(uname -m), $(grep -c ^processor /proc/cpuinfo) cp
 
 check load-kbndsafe "insmod kbndsafe.ko failed" insmod $M/kbndsafe.ko
 
+# The kport glue on its own: timers, lock context, sysfs, strtol, log level.
+if insmod $M/vane_kport_selftest.ko; then
+    pass kport-selftest
+    v=/sys/class/vane_kport_test/vane_kport_test/value
+    check kport-sysfs-show "$v does not read 5" [ "$(cat $v)" = 5 ]
+    echo 0x2a >$v
+    check kport-sysfs-store "$v does not read 42 after storing 0x2a" [ "$(cat $v)" = 42 ]
+    check kport-printk-alert "no alert-level line from kport_printk" \
+        sh -c "dmesg -r | grep -q '^<1>.*vane-kport-selftest: alert 7'"
+    check unload-kport-selftest "rmmod vane_kport_selftest failed" rmmod vane_kport_selftest
+else
+    fail kport-selftest "insmod failed; the kernel log names the failed check"
+fi
+
 # Start-up while another kernel socket holds protocol 26: -ENOMEM, and
 # nothing left behind (no proc directory, protocol 27 not served).
 if insmod $M/vane_nlhold.ko; then
@@ -77,7 +91,7 @@ check unload-leaves-no-proc "/proc/bypassDebug remains" [ ! -e /proc/bypassDebug
 /bin/vane_scenarios noproto unload-closes-socket 26 27 || FAILS=$((FAILS + 1))
 check unload-kbndsafe "rmmod kbndsafe failed" rmmod kbndsafe
 check all-unloaded "a module is still loaded" \
-    sh -c "! grep -qE '^(kbndsafe|drv_vane|vane_drvsim|vane_nlhold) ' /proc/modules"
+    sh -c "! grep -qE '^(kbndsafe|drv_vane|vane_drvsim|vane_nlhold|vane_kport_selftest) ' /proc/modules"
 
 echo VANE-DMESG-BEGIN
 dmesg

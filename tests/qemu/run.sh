@@ -65,7 +65,7 @@ mkdir -p "$rootfs"/{bin,dev,proc,sys,tmp,lib/vane}
 cp "$busybox" "$rootfs/bin/busybox"
 cp "$out/vane_scenarios" "$rootfs/bin/"
 install -m 755 "$here/init.sh" "$rootfs/init"
-for m in kbndsafe drv_vane vane_drvsim vane_nlhold; do
+for m in kbndsafe drv_vane vane_drvsim vane_nlhold vane_kport_selftest; do
     cp "$kmod/$m.ko" "$rootfs/lib/vane/"
 done
 # The kernel opens /dev/console for /init before devtmpfs is mounted.
