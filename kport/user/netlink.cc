@@ -94,10 +94,13 @@ int SendToKernel(const Endpoint& from, const void* data, size_t len) {
   skb->portid = from.portid;
   skb->creds_pid = from.pid;
 
-  const sock* outer = t_in_input;
-  t_in_input = sk;
-  sk->input(skb);
-  t_in_input = outer;
+  // A socket made without an input callback drops what it is sent.
+  if (sk->input != nullptr) {
+    const sock* outer = t_in_input;
+    t_in_input = sk;
+    sk->input(skb);
+    t_in_input = outer;
+  }
   kport_kfree_skb(skb);
 
   std::lock_guard lock(reg.mu);
@@ -169,6 +172,8 @@ void kport_netlink_kernel_release(struct sock* sk) {
 }
 
 int kport_netlink_unicast(struct sock* sk, struct sk_buff* skb, u32 portid, int nonblock) {
+  if (sk == nullptr || skb == nullptr)
+    kport::user::internal::Fatal("netlink_unicast without a socket or buffer");
   return kport::user::internal::Deliver(sk->protocol, skb, portid, nonblock != 0);
 }
 

@@ -228,6 +228,7 @@ void SlowInput(sk_buff*) {
 }
 
 TEST(NetlinkRelease, WaitsForRunningInputThenRefusesSends) {
+  g_in_input = g_release_returned = g_returned_early = false;
   sock* sk = kport_netlink_kernel_create(kProto + 2, SlowInput);
   ASSERT_NE(sk, nullptr);
   auto user = UserSocket::Open(kProto + 2, 1, 1);

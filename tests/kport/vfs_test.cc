@@ -126,6 +126,7 @@ ssize_t SlowRead(file*, char*, size_t, kport_loff_t*) {
 
 TEST_F(ProcTest, RemovalWaitsForARunningHandler) {
   static const kport_proc_ops kSlow = {SlowRead, nullptr};
+  g_in_handler = g_remove_returned = g_returned_early = false;
   ASSERT_NE(kport_proc_create("slow", 0444, dir_, &kSlow), nullptr);
   std::thread reader([] {
     char buf[1];

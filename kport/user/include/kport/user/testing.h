@@ -89,8 +89,10 @@ std::vector<std::string> List();
 // One read(2)/write(2) on a proc file at *pos (advanced by the handler):
 // the handler sees `count` and a user buffer of exactly `count` bytes, so a
 // handler that reads or writes beyond it is caught by AddressSanitizer.
+// *pos is handed to the handler as its position and the handler's update
+// is stored back (pos may be null: position 0, update dropped).
 // Returns the handler's result, or -ENOENT (-2) for an unknown path, -EIO
-// (-5) when the file has no such handler.
+// (-5) when the file has no such handler, -EISDIR (-21) for a directory.
 long ProcRead(std::string_view path, void* buf, size_t count, int64_t* pos);
 long ProcWrite(std::string_view path, const void* buf, size_t count, int64_t* pos);
 // Opens, reads in `chunk`-byte reads from position 0 until a read returns 0
@@ -113,15 +115,20 @@ long SysfsStore(std::string_view path, std::string_view text);
 // and due timers fire in the advancing thread, in expiry order.
 namespace clock {
 
-void SetHz(unsigned long hz);  // only while no timer is pending
+void SetHz(unsigned long hz);  // only while no timer is pending (else aborts)
 unsigned long Hz();
 // Switches to the manual clock at the given tick count (default: the
-// kernel's INITIAL_JIFFIES, five minutes before the counter wraps).
+// kernel's INITIAL_JIFFIES, five minutes before the counter wraps). Once it
+// returns the timer thread fires nothing more. Pending timers stay pending.
 void UseManual(unsigned long start = static_cast<unsigned long>(-300L * 250));
+// Back to the timer thread; jiffies go on from the manual clock's count.
 void UseTimerThread();
 bool IsManual();
 // Manual clock only: moves jiffies forward one tick at a time, firing every
-// timer whose expiry is reached.
+// timer whose expiry is reached. Within a tick timers fire in expiry order,
+// ties in the order they were armed; a timer armed during a tick with an
+// expiry already reached fires at the next tick (as in the kernel). Must not
+// be called from a timer callback.
 void Advance(unsigned long ticks);
 // Number of timers currently pending.
 size_t PendingTimers();
@@ -159,7 +166,10 @@ unsigned long Injected(Site site);
 }  // namespace fault
 
 // ---------------------------------------------------------------------------
-// Kernel log: every kport_printk line, at its level.
+// Kernel log: every kport_printk line, at its level, with its text exactly as
+// formatted (a trailing newline, if any, included). Like the kernel's ring
+// buffer it keeps the latest 65536 lines. Setting KPORT_KLOG_STDERR in the
+// environment also prints each line to stderr.
 namespace klog {
 
 struct Line {
