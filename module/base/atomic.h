@@ -50,9 +50,6 @@ inline T update(T* p, F f) {
   return next;
 }
 
-inline void fence_acquire() { __atomic_thread_fence(__ATOMIC_ACQUIRE); }
-inline void fence_release() { __atomic_thread_fence(__ATOMIC_RELEASE); }
-
 }  // namespace vane
 
 #endif  // VANE_BASE_ATOMIC_H

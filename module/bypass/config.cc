@@ -31,10 +31,11 @@ void publish(const BYPASS_PKT_OFFSET_S& next) {
   kport::SpinGuardBh guard(&g_config_write_lock);
   u32 seq = load_relaxed(&g_config_seq);
   store_relaxed(&g_config_seq, seq + 1);
-  fence_release();
+  // Release stores keep the odd count ahead of every slot: a reader that
+  // sees a new slot also sees the count move.
   const u32* src = &next.ulHgHdrOffset;
   u32* dst = slots(&bypass_pkt_offset);
-  for (u32 i = 0; i < BYPASS_PKT_OFFSET_SLOTS; ++i) store_relaxed(&dst[i], src[i]);
+  for (u32 i = 0; i < BYPASS_PKT_OFFSET_SLOTS; ++i) store_release(&dst[i], src[i]);
   store_release(&g_config_seq, seq + 2);
 }
 
@@ -58,8 +59,8 @@ void config_snapshot(BYPASS_PKT_OFFSET_S* out) {
       kport_cpu_relax();
       continue;
     }
-    for (u32 i = 0; i < BYPASS_PKT_OFFSET_SLOTS; ++i) dst[i] = load_relaxed(&src[i]);
-    fence_acquire();
+    // Acquire loads keep the second look at the count behind the slots.
+    for (u32 i = 0; i < BYPASS_PKT_OFFSET_SLOTS; ++i) dst[i] = load_acquire(&src[i]);
     if (load_relaxed(&g_config_seq) == before) return;
   }
 }
