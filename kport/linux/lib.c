@@ -4,7 +4,6 @@
 
 #include "kport/lib.h"
 
-long kport_simple_strtol(const char *cp, char **endp, unsigned int base)
-{
-	return simple_strtol(cp, endp, base);
+long kport_simple_strtol(const char* cp, char** endp, unsigned int base) {
+  return simple_strtol(cp, endp, base);
 }

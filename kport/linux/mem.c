@@ -4,17 +4,8 @@
 
 #include "kport/mem.h"
 
-void *kport_kmalloc_atomic(size_t size)
-{
-	return kmalloc(size, GFP_ATOMIC);
-}
+void* kport_kmalloc_atomic(size_t size) { return kmalloc(size, GFP_ATOMIC); }
 
-void *kport_kzalloc_atomic(size_t size)
-{
-	return kzalloc(size, GFP_ATOMIC);
-}
+void* kport_kzalloc_atomic(size_t size) { return kzalloc(size, GFP_ATOMIC); }
 
-void kport_kfree(const void *ptr)
-{
-	kfree(ptr);
-}
+void kport_kfree(const void* ptr) { kfree(ptr); }

@@ -6,15 +6,9 @@
 
 #include "drv_vane/entry.h"
 
-static int __init drv_vane_init(void)
-{
-	return vane_entry_init();
-}
+static int __init drv_vane_init(void) { return vane_entry_init(); }
 
-static void __exit drv_vane_exit(void)
-{
-	vane_entry_exit();
-}
+static void __exit drv_vane_exit(void) { vane_entry_exit(); }
 
 module_init(drv_vane_init);
 module_exit(drv_vane_exit);

@@ -52,333 +52,287 @@ static int passed, failed;
 
 /* Records why a scenario failed; returns 0 so that `return failf(...)`
  * ends the scenario. */
-static int __attribute__((format(printf, 1, 2))) failf(const char *fmt, ...)
-{
-	va_list ap;
+static int __attribute__((format(printf, 1, 2))) failf(const char* fmt, ...) {
+  va_list ap;
 
-	va_start(ap, fmt);
-	vsnprintf(why, sizeof(why), fmt, ap);
-	va_end(ap);
-	return 0;
+  va_start(ap, fmt);
+  vsnprintf(why, sizeof(why), fmt, ap);
+  va_end(ap);
+  return 0;
 }
 
 /* Puts a context in front of the recorded reason; returns 0. */
-static int __attribute__((format(printf, 1, 2))) because(const char *fmt, ...)
-{
-	char ctx[128], tmp[sizeof(ctx) + sizeof(why) + 2];
-	va_list ap;
+static int __attribute__((format(printf, 1, 2))) because(const char* fmt, ...) {
+  char ctx[128], tmp[sizeof(ctx) + sizeof(why) + 2];
+  va_list ap;
 
-	va_start(ap, fmt);
-	vsnprintf(ctx, sizeof(ctx), fmt, ap);
-	va_end(ap);
-	snprintf(tmp, sizeof(tmp), "%s: %s", ctx, why);
-	memcpy(why, tmp, sizeof(why) - 1);
-	why[sizeof(why) - 1] = '\0';
-	return 0;
+  va_start(ap, fmt);
+  vsnprintf(ctx, sizeof(ctx), fmt, ap);
+  va_end(ap);
+  snprintf(tmp, sizeof(tmp), "%s: %s", ctx, why);
+  memcpy(why, tmp, sizeof(why) - 1);
+  why[sizeof(why) - 1] = '\0';
+  return 0;
 }
 
-#define CHECK(cond, ...)                          \
-	do {                                      \
-		if (!(cond))                      \
-			return failf(__VA_ARGS__); \
-	} while (0)
+#define CHECK(cond, ...)                    \
+  do {                                      \
+    if (!(cond)) return failf(__VA_ARGS__); \
+  } while (0)
 
-static void run(const char *name, int (*fn)(void))
-{
-	why[0] = '\0';
-	if (fn()) {
-		passed++;
-		printf("VANE-PASS %s\n", name);
-	} else {
-		failed++;
-		printf("VANE-FAIL %s: %s\n", name, why);
-	}
-	fflush(stdout);
+static void run(const char* name, int (*fn)(void)) {
+  why[0] = '\0';
+  if (fn()) {
+    passed++;
+    printf("VANE-PASS %s\n", name);
+  } else {
+    failed++;
+    printf("VANE-FAIL %s: %s\n", name, why);
+  }
+  fflush(stdout);
 }
 
-static uint32_t align4(uint32_t n)
-{
-	return (n + 3u) & ~3u;
+static uint32_t align4(uint32_t n) { return (n + 3u) & ~3u; }
+
+static uint32_t get32(const uint8_t* p) {
+  uint32_t v;
+
+  memcpy(&v, p, 4);
+  return v;
 }
 
-static uint32_t get32(const uint8_t *p)
-{
-	uint32_t v;
-
-	memcpy(&v, p, 4);
-	return v;
-}
-
-static void put32(uint8_t *p, uint32_t v)
-{
-	memcpy(p, &v, 4);
-}
+static void put32(uint8_t* p, uint32_t v) { memcpy(p, &v, 4); }
 
 /* ---- netlink ---------------------------------------------------------- */
 
 /* A socket of `proto` bound to this process's id, which is what control
  * message 0 registers as the port id. */
-static int nl_open(int proto)
-{
-	struct sockaddr_nl sa = { .nl_family = AF_NETLINK, .nl_pid = (uint32_t)getpid() };
-	int fd = socket(AF_NETLINK, SOCK_RAW, proto);
+static int nl_open(int proto) {
+  struct sockaddr_nl sa = {.nl_family = AF_NETLINK, .nl_pid = (uint32_t)getpid()};
+  int fd = socket(AF_NETLINK, SOCK_RAW, proto);
 
-	if (fd < 0)
-		return -errno;
-	if (bind(fd, (struct sockaddr *)&sa, sizeof(sa)) < 0) {
-		int e = -errno;
+  if (fd < 0) return -errno;
+  if (bind(fd, (struct sockaddr*)&sa, sizeof(sa)) < 0) {
+    int e = -errno;
 
-		close(fd);
-		return e;
-	}
-	return fd;
+    close(fd);
+    return e;
+  }
+  return fd;
 }
 
 /* One control message: header, message id, payload-length field, payload. */
 static int ctrl_send(int fd, uint16_t type, uint16_t flags, uint32_t seq, uint32_t id,
-		     uint32_t len_field, const void *payload, uint32_t size)
-{
-	static uint8_t buf[24 + 256];
-	struct nlmsghdr *h = (struct nlmsghdr *)buf;
-	struct sockaddr_nl kernel = { .nl_family = AF_NETLINK };
+                     uint32_t len_field, const void* payload, uint32_t size) {
+  static uint8_t buf[24 + 256];
+  struct nlmsghdr* h = (struct nlmsghdr*)buf;
+  struct sockaddr_nl kernel = {.nl_family = AF_NETLINK};
 
-	if (size > 256)
-		return -EINVAL;
-	memset(buf, 0, sizeof(buf));
-	h->nlmsg_len = 24 + size;
-	h->nlmsg_type = type;
-	h->nlmsg_flags = flags;
-	h->nlmsg_seq = seq;
-	h->nlmsg_pid = (uint32_t)getpid();
-	put32(buf + 16, id);
-	put32(buf + 20, len_field);
-	if (size)
-		memcpy(buf + 24, payload, size);
-	if (sendto(fd, buf, h->nlmsg_len, 0, (struct sockaddr *)&kernel, sizeof(kernel)) < 0)
-		return -errno;
-	return 0;
+  if (size > 256) return -EINVAL;
+  memset(buf, 0, sizeof(buf));
+  h->nlmsg_len = 24 + size;
+  h->nlmsg_type = type;
+  h->nlmsg_flags = flags;
+  h->nlmsg_seq = seq;
+  h->nlmsg_pid = (uint32_t)getpid();
+  put32(buf + 16, id);
+  put32(buf + 20, len_field);
+  if (size) memcpy(buf + 24, payload, size);
+  if (sendto(fd, buf, h->nlmsg_len, 0, (struct sockaddr*)&kernel, sizeof(kernel)) < 0)
+    return -errno;
+  return 0;
 }
 
 /* Next message within `ms` milliseconds: its length, 0 on timeout, -errno. */
-static int nl_recv(int fd, uint8_t *buf, size_t cap, int ms)
-{
-	struct pollfd p = { .fd = fd, .events = POLLIN };
-	ssize_t n;
+static int nl_recv(int fd, uint8_t* buf, size_t cap, int ms) {
+  struct pollfd p = {.fd = fd, .events = POLLIN};
+  ssize_t n;
 
-	if (poll(&p, 1, ms) <= 0)
-		return 0;
-	n = recv(fd, buf, cap, MSG_DONTWAIT);
-	return n < 0 ? -errno : (int)n;
+  if (poll(&p, 1, ms) <= 0) return 0;
+  n = recv(fd, buf, cap, MSG_DONTWAIT);
+  return n < 0 ? -errno : (int)n;
 }
 
 /* Discards whatever is queued. */
-static void nl_drain(int fd)
-{
-	static uint8_t buf[MAX_MSG];
+static void nl_drain(int fd) {
+  static uint8_t buf[MAX_MSG];
 
-	while (nl_recv(fd, buf, sizeof(buf), 0) != 0)
-		;
+  while (nl_recv(fd, buf, sizeof(buf), 0) != 0)
+    ;
 }
 
 struct ack {
-	int error;
-	uint16_t flags;
-	uint32_t seq, portid;
-	uint16_t orig_type;
-	uint32_t orig_len;
-	uint32_t len;
+  int error;
+  uint16_t flags;
+  uint32_t seq, portid;
+  uint16_t orig_type;
+  uint32_t orig_len;
+  uint32_t len;
 };
 
 /* Waits for an NLMSG_ERROR acknowledgement, passing over packets that were
  * queued before it; 1 when one came. */
-static int get_ack(int fd, struct ack *a)
-{
-	static uint8_t buf[MAX_MSG];
-	const struct nlmsghdr *h = (const struct nlmsghdr *)buf;
-	const struct nlmsgerr *e = (const struct nlmsgerr *)(buf + 16);
-	int n;
+static int get_ack(int fd, struct ack* a) {
+  static uint8_t buf[MAX_MSG];
+  const struct nlmsghdr* h = (const struct nlmsghdr*)buf;
+  const struct nlmsgerr* e = (const struct nlmsgerr*)(buf + 16);
+  int n;
 
-	do
-		n = nl_recv(fd, buf, sizeof(buf), 2000);
-	while (n >= 16 && h->nlmsg_type == MSG_TYPE);
-	if (n < 16 + (int)sizeof(*e) || h->nlmsg_type != NLMSG_ERROR)
-		return 0;
-	a->error = e->error;
-	a->flags = h->nlmsg_flags;
-	a->seq = h->nlmsg_seq;
-	a->portid = h->nlmsg_pid;
-	a->orig_type = e->msg.nlmsg_type;
-	a->orig_len = e->msg.nlmsg_len;
-	a->len = (uint32_t)n;
-	return 1;
+  do n = nl_recv(fd, buf, sizeof(buf), 2000);
+  while (n >= 16 && h->nlmsg_type == MSG_TYPE);
+  if (n < 16 + (int)sizeof(*e) || h->nlmsg_type != NLMSG_ERROR) return 0;
+  a->error = e->error;
+  a->flags = h->nlmsg_flags;
+  a->seq = h->nlmsg_seq;
+  a->portid = h->nlmsg_pid;
+  a->orig_type = e->msg.nlmsg_type;
+  a->orig_len = e->msg.nlmsg_len;
+  a->len = (uint32_t)n;
+  return 1;
 }
 
 /* Control message with NLM_F_ACK; the acknowledged error, or -1000 when no
  * acknowledgement came. */
-static int ctrl_ack(int fd, uint32_t id, const void *payload, uint32_t size)
-{
-	static uint32_t seq = 100;
-	struct ack a;
+static int ctrl_ack(int fd, uint32_t id, const void* payload, uint32_t size) {
+  static uint32_t seq = 100;
+  struct ack a;
 
-	if (ctrl_send(fd, MSG_TYPE, NLM_F_REQUEST | NLM_F_ACK, ++seq, id, size, payload, size))
-		return -1001;
-	if (!get_ack(fd, &a) || a.seq != seq)
-		return -1000;
-	return a.error;
+  if (ctrl_send(fd, MSG_TYPE, NLM_F_REQUEST | NLM_F_ACK, ++seq, id, size, payload, size))
+    return -1001;
+  if (!get_ack(fd, &a) || a.seq != seq) return -1000;
+  return a.error;
 }
 
-static int register_pid(int fd, uint32_t channel, uint32_t vcpu)
-{
-	uint32_t p[2] = { channel, vcpu };
+static int register_pid(int fd, uint32_t channel, uint32_t vcpu) {
+  uint32_t p[2] = {channel, vcpu};
 
-	return ctrl_ack(fd, MID_PID, p, sizeof(p));
+  return ctrl_ack(fd, MID_PID, p, sizeof(p));
 }
 
 /* ---- the driver stand-in ----------------------------------------------- */
 
-static int read_text(const char *path, char *buf, size_t cap)
-{
-	int fd = open(path, O_RDONLY);
-	ssize_t n;
+static int read_text(const char* path, char* buf, size_t cap) {
+  int fd = open(path, O_RDONLY);
+  ssize_t n;
 
-	if (fd < 0)
-		return -errno;
-	n = read(fd, buf, cap - 1);
-	close(fd);
-	if (n < 0)
-		return -errno;
-	buf[n] = '\0';
-	return (int)n;
+  if (fd < 0) return -errno;
+  n = read(fd, buf, cap - 1);
+  close(fd);
+  if (n < 0) return -errno;
+  buf[n] = '\0';
+  return (int)n;
 }
 
 /* One call of netlink_send_msg (selector 0) or netlink_fastsend_msg (1);
  * its result, or -2000 when the stand-in itself failed. */
-static int drvsim(uint32_t sel, uint32_t type, const uint8_t *data, uint32_t len)
-{
-	static uint8_t buf[8 + 16384];
-	char text[32];
-	int fd;
-	ssize_t n;
+static int drvsim(uint32_t sel, uint32_t type, const uint8_t* data, uint32_t len) {
+  static uint8_t buf[8 + 16384];
+  char text[32];
+  int fd;
+  ssize_t n;
 
-	if (len > sizeof(buf) - 8)
-		return -2000;
-	put32(buf, sel);
-	put32(buf + 4, type);
-	if (len)
-		memcpy(buf + 8, data, len);
-	fd = open(DRVSIM_SEND, O_WRONLY);
-	if (fd < 0)
-		return -2000;
-	n = write(fd, buf, 8 + len);
-	close(fd);
-	if (n != (ssize_t)(8 + len))
-		return -2000;
-	if (read_text(DRVSIM_RESULT, text, sizeof(text)) <= 0)
-		return -2000;
-	return atoi(text);
+  if (len > sizeof(buf) - 8) return -2000;
+  put32(buf, sel);
+  put32(buf + 4, type);
+  if (len) memcpy(buf + 8, data, len);
+  fd = open(DRVSIM_SEND, O_WRONLY);
+  if (fd < 0) return -2000;
+  n = write(fd, buf, 8 + len);
+  close(fd);
+  if (n != (ssize_t)(8 + len)) return -2000;
+  if (read_text(DRVSIM_RESULT, text, sizeof(text)) <= 0) return -2000;
+  return atoi(text);
 }
 
 /* ---- packets ------------------------------------------------------------ */
 
 /* Delivery prefix: word 0 (0 lets ICMP take the fast channel), ethNum. */
-static void prefix(uint8_t *buf, uint32_t word0, uint32_t ethnum)
-{
-	memset(buf, 0, PREFIX_LEN);
-	put32(buf, word0);
-	put32(buf + 8, ethnum);
+static void prefix(uint8_t* buf, uint32_t word0, uint32_t ethnum) {
+  memset(buf, 0, PREFIX_LEN);
+  put32(buf, word0);
+  put32(buf + 8, ethnum);
 }
 
-static void pattern(uint8_t *buf, uint32_t len, uint32_t seed)
-{
-	for (uint32_t i = 0; i < len; i++)
-		buf[i] = (uint8_t)(i * 7u + seed);
+static void pattern(uint8_t* buf, uint32_t len, uint32_t seed) {
+  for (uint32_t i = 0; i < len; i++) buf[i] = (uint8_t)(i * 7u + seed);
 }
 
 /* Untagged IPv4 ICMP echo request; returns the buffer length. */
-static uint32_t icmp_echo(uint8_t *buf, uint32_t word0)
-{
-	static const uint8_t frame[] = {
-		0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x00, 0x66, 0x77, 0x88, 0x99, 0xaa,
-		0x08, 0x00,                                     /* IPv4 */
-		0x45, 0x00, 0x00, 0x1c, 0x12, 0x34, 0x00, 0x00, /* IHL 5 */
-		0x40, 0x01, 0x00, 0x00,                         /* ICMP */
-		0x0a, 0x00, 0x00, 0x01, 0x0a, 0x00, 0x00, 0x02,
-		0x08, 0x00, 0x00, 0x00, 0x00, 0x01, 0x00, 0x01, /* echo request */
-	};
+static uint32_t icmp_echo(uint8_t* buf, uint32_t word0) {
+  static const uint8_t frame[] = {
+      0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x00, 0x66, 0x77, 0x88, 0x99, 0xaa, 0x08, 0x00, /* IPv4 */
+      0x45, 0x00, 0x00, 0x1c, 0x12, 0x34, 0x00, 0x00, /* IHL 5 */
+      0x40, 0x01, 0x00, 0x00,                         /* ICMP */
+      0x0a, 0x00, 0x00, 0x01, 0x0a, 0x00, 0x00, 0x02, 0x08, 0x00, 0x00, 0x00, 0x00, 0x01,
+      0x00, 0x01, /* echo request */
+  };
 
-	prefix(buf, word0, 1);
-	memcpy(buf + PREFIX_LEN, frame, sizeof(frame));
-	return PREFIX_LEN + sizeof(frame);
+  prefix(buf, word0, 1);
+  memcpy(buf + PREFIX_LEN, frame, sizeof(frame));
+  return PREFIX_LEN + sizeof(frame);
 }
 
 /* An ECM frame on the ECM interface for vCPU `vcpu`: destination
  * 0a:0b:0b:.., one VLAN tag, EtherType 0x06A4, inner destination
  * 0a:0b:0c:<vcpu>. */
-static uint32_t ecm_packet(uint8_t *buf, uint8_t vcpu)
-{
-	uint8_t *p = buf + PREFIX_LEN;
+static uint32_t ecm_packet(uint8_t* buf, uint8_t vcpu) {
+  uint8_t* p = buf + PREFIX_LEN;
 
-	prefix(buf, 1, ECM_ETHNUM);
-	memset(p, 0, 64);
-	memcpy(p, "\x0a\x0b\x0b\x01\x02\x03\x00\x11\x22\x33\x44\x55", 12);
-	memcpy(p + 12, "\x81\x00\x00\x05\x06\xa4", 6);
-	memcpy(p + 18, "\x0a\x0b\x0c", 3);
-	p[21] = vcpu;
-	pattern(p + 22, 64 - 22, 9);
-	return PREFIX_LEN + 64;
+  prefix(buf, 1, ECM_ETHNUM);
+  memset(p, 0, 64);
+  memcpy(p, "\x0a\x0b\x0b\x01\x02\x03\x00\x11\x22\x33\x44\x55", 12);
+  memcpy(p + 12, "\x81\x00\x00\x05\x06\xa4", 6);
+  memcpy(p + 18, "\x0a\x0b\x0c", 3);
+  p[21] = vcpu;
+  pattern(p + 22, 64 - 22, 9);
+  return PREFIX_LEN + 64;
 }
 
 /* Message 5 payload: the 88-byte record with the ECM interface set and an
  * empty multi-core range (min 10, max 9), board type 0. */
-static void config(uint32_t rec[22], uint32_t dispatch_on)
-{
-	memset(rec, 0, 88);
-	rec[7] = 10; /* ulMultiCoreEthNumMin */
-	rec[15] = 9; /* ulMultiCoreEthNumMax */
-	rec[8] = ECM_ETHNUM;
-	rec[9] = 100; /* VP range empty too */
-	rec[18] = 99;
-	rec[10] = dispatch_on; /* ulIsSupportMulticore, offset 40 */
+static void config(uint32_t rec[22], uint32_t dispatch_on) {
+  memset(rec, 0, 88);
+  rec[7] = 10; /* ulMultiCoreEthNumMin */
+  rec[15] = 9; /* ulMultiCoreEthNumMax */
+  rec[8] = ECM_ETHNUM;
+  rec[9] = 100; /* VP range empty too */
+  rec[18] = 99;
+  rec[10] = dispatch_on; /* ulIsSupportMulticore, offset 40 */
 }
 
 /* Checks one delivered message against the packet message layout: header,
  * type at 16, length at 20, data from 24, zero padding. */
-static int check_delivery(const uint8_t *msg, int n, uint32_t portid, uint32_t type,
-			  const uint8_t *data, uint32_t len)
-{
-	const struct nlmsghdr *h = (const struct nlmsghdr *)msg;
-	uint32_t want = 16 + align4(len + 8);
+static int check_delivery(const uint8_t* msg, int n, uint32_t portid, uint32_t type,
+                          const uint8_t* data, uint32_t len) {
+  const struct nlmsghdr* h = (const struct nlmsghdr*)msg;
+  uint32_t want = 16 + align4(len + 8);
 
-	CHECK(n == (int)want, "received %d bytes, expected %u", n, want);
-	CHECK(h->nlmsg_len == want, "nlmsg_len %u, expected %u", h->nlmsg_len, want);
-	CHECK(h->nlmsg_type == MSG_TYPE, "nlmsg_type %u", h->nlmsg_type);
-	CHECK(h->nlmsg_flags == 0, "nlmsg_flags 0x%x", h->nlmsg_flags);
-	CHECK(h->nlmsg_seq == 0, "nlmsg_seq %u", h->nlmsg_seq);
-	CHECK(h->nlmsg_pid == portid, "nlmsg_pid %u, expected %u", h->nlmsg_pid, portid);
-	CHECK(get32(msg + 16) == type, "type field %u, expected %u", get32(msg + 16), type);
-	CHECK(get32(msg + 20) == len, "length field %u, expected %u", get32(msg + 20), len);
-	for (uint32_t i = 0; i < len; i++)
-		CHECK(msg[24 + i] == data[i], "data byte %u is 0x%02x, sent 0x%02x", i, msg[24 + i],
-		      data[i]);
-	for (uint32_t i = 24 + len; i < want; i++)
-		CHECK(msg[i] == 0, "padding byte %u is 0x%02x", i, msg[i]);
-	return 1;
+  CHECK(n == (int)want, "received %d bytes, expected %u", n, want);
+  CHECK(h->nlmsg_len == want, "nlmsg_len %u, expected %u", h->nlmsg_len, want);
+  CHECK(h->nlmsg_type == MSG_TYPE, "nlmsg_type %u", h->nlmsg_type);
+  CHECK(h->nlmsg_flags == 0, "nlmsg_flags 0x%x", h->nlmsg_flags);
+  CHECK(h->nlmsg_seq == 0, "nlmsg_seq %u", h->nlmsg_seq);
+  CHECK(h->nlmsg_pid == portid, "nlmsg_pid %u, expected %u", h->nlmsg_pid, portid);
+  CHECK(get32(msg + 16) == type, "type field %u, expected %u", get32(msg + 16), type);
+  CHECK(get32(msg + 20) == len, "length field %u, expected %u", get32(msg + 20), len);
+  for (uint32_t i = 0; i < len; i++)
+    CHECK(msg[24 + i] == data[i], "data byte %u is 0x%02x, sent 0x%02x", i, msg[24 + i], data[i]);
+  for (uint32_t i = 24 + len; i < want; i++)
+    CHECK(msg[i] == 0, "padding byte %u is 0x%02x", i, msg[i]);
+  return 1;
 }
 
-static int read_counter(unsigned idx, uint32_t *out)
-{
-	uint8_t buf[3840];
-	int fd = open(PROC_COUNTS, O_RDONLY);
-	ssize_t n;
+static int read_counter(unsigned idx, uint32_t* out) {
+  uint8_t buf[3840];
+  int fd = open(PROC_COUNTS, O_RDONLY);
+  ssize_t n;
 
-	if (fd < 0)
-		return 0;
-	n = pread(fd, buf, sizeof(buf), 0);
-	close(fd);
-	if (n != (ssize_t)sizeof(buf))
-		return 0;
-	*out = get32(buf + 4 * idx);
-	return 1;
+  if (fd < 0) return 0;
+  n = pread(fd, buf, sizeof(buf), 0);
+  close(fd);
+  if (n != (ssize_t)sizeof(buf)) return 0;
+  *out = get32(buf + 4 * idx);
+  return 1;
 }
 
 /* ---- workers -------------------------------------------------------------
@@ -386,84 +340,71 @@ static int read_counter(unsigned idx, uint32_t *out)
  * vCPU of a channel and then, on command, receives one message and hands it
  * to the parent over a pipe. */
 struct worker {
-	pid_t pid;
-	int cmd;  /* parent -> worker */
-	int data; /* worker -> parent */
+  pid_t pid;
+  int cmd;  /* parent -> worker */
+  int data; /* worker -> parent */
 };
 
-static void worker_main(int cmd, int data, int proto, uint32_t vcpu)
-{
-	static uint8_t buf[MAX_MSG];
-	int fd = nl_open(proto);
-	int status = fd < 0 ? fd : register_pid(fd, (uint32_t)proto, vcpu);
-	char c;
+static void worker_main(int cmd, int data, int proto, uint32_t vcpu) {
+  static uint8_t buf[MAX_MSG];
+  int fd = nl_open(proto);
+  int status = fd < 0 ? fd : register_pid(fd, (uint32_t)proto, vcpu);
+  char c;
 
-	if (write(data, &status, sizeof(status)) != sizeof(status) || status != 0)
-		_exit(1);
-	while (read(cmd, &c, 1) == 1 && c == 'r') {
-		int n = nl_recv(fd, buf, sizeof(buf), 1000);
+  if (write(data, &status, sizeof(status)) != sizeof(status) || status != 0) _exit(1);
+  while (read(cmd, &c, 1) == 1 && c == 'r') {
+    int n = nl_recv(fd, buf, sizeof(buf), 1000);
 
-		if (write(data, &n, sizeof(n)) != sizeof(n))
-			_exit(1);
-		if (n > 0 && write(data, buf, (size_t)n) != n)
-			_exit(1);
-	}
-	close(fd);
-	_exit(0);
+    if (write(data, &n, sizeof(n)) != sizeof(n)) _exit(1);
+    if (n > 0 && write(data, buf, (size_t)n) != n) _exit(1);
+  }
+  close(fd);
+  _exit(0);
 }
 
-static int worker_start(struct worker *w, int proto, uint32_t vcpu)
-{
-	int to[2], from[2], status = -1;
+static int worker_start(struct worker* w, int proto, uint32_t vcpu) {
+  int to[2], from[2], status = -1;
 
-	if (pipe(to) || pipe(from))
-		return -1;
-	w->pid = fork();
-	if (w->pid == 0) {
-		close(to[1]);
-		close(from[0]);
-		worker_main(to[0], from[1], proto, vcpu);
-	}
-	close(to[0]);
-	close(from[1]);
-	w->cmd = to[1];
-	w->data = from[0];
-	if (read(w->data, &status, sizeof(status)) != sizeof(status))
-		return -1;
-	return status;
+  if (pipe(to) || pipe(from)) return -1;
+  w->pid = fork();
+  if (w->pid == 0) {
+    close(to[1]);
+    close(from[0]);
+    worker_main(to[0], from[1], proto, vcpu);
+  }
+  close(to[0]);
+  close(from[1]);
+  w->cmd = to[1];
+  w->data = from[0];
+  if (read(w->data, &status, sizeof(status)) != sizeof(status)) return -1;
+  return status;
 }
 
 /* The next message the worker receives (within a second): its length, 0. */
-static int worker_recv(struct worker *w, uint8_t *buf)
-{
-	int n = 0;
+static int worker_recv(struct worker* w, uint8_t* buf) {
+  int n = 0;
 
-	if (write(w->cmd, "r", 1) != 1 || read(w->data, &n, sizeof(n)) != sizeof(n))
-		return -1;
-	if (n > 0) {
-		int got = 0;
+  if (write(w->cmd, "r", 1) != 1 || read(w->data, &n, sizeof(n)) != sizeof(n)) return -1;
+  if (n > 0) {
+    int got = 0;
 
-		while (got < n) {
-			ssize_t r = read(w->data, buf + got, (size_t)(n - got));
+    while (got < n) {
+      ssize_t r = read(w->data, buf + got, (size_t)(n - got));
 
-			if (r <= 0)
-				return -1;
-			got += (int)r;
-		}
-	}
-	return n;
+      if (r <= 0) return -1;
+      got += (int)r;
+    }
+  }
+  return n;
 }
 
-static void worker_stop(struct worker *w)
-{
-	if (w->pid <= 0)
-		return;
-	if (write(w->cmd, "q", 1) != 1)
-		kill(w->pid, SIGKILL);
-	waitpid(w->pid, NULL, 0);
-	close(w->cmd);
-	close(w->data);
-	w->pid = 0;
+static void worker_stop(struct worker* w) {
+  if (w->pid <= 0) return;
+  if (write(w->cmd, "q", 1) != 1) kill(w->pid, SIGKILL);
+  waitpid(w->pid, NULL, 0);
+  close(w->cmd);
+  close(w->data);
+  w->pid = 0;
 }
 
 /* ---- scenarios ------------------------------------------------------------ */
@@ -473,310 +414,281 @@ static uint32_t me;
 static uint8_t msg[MAX_MSG];
 static uint8_t pkt[16384];
 
-static int sc_no_receiver(void)
-{
-	uint32_t len = ecm_packet(pkt, 1);
-	int r;
+static int sc_no_receiver(void) {
+  uint32_t len = ecm_packet(pkt, 1);
+  int r;
 
-	r = drvsim(0, 2, pkt, len);
-	CHECK(r == -77, "netlink_send_msg before any registration: %d, expected -77", r);
-	r = drvsim(1, 2, pkt, len);
-	CHECK(r == -77, "netlink_fastsend_msg before any registration: %d, expected -77", r);
-	return 1;
+  r = drvsim(0, 2, pkt, len);
+  CHECK(r == -77, "netlink_send_msg before any registration: %d, expected -77", r);
+  r = drvsim(1, 2, pkt, len);
+  CHECK(r == -77, "netlink_fastsend_msg before any registration: %d, expected -77", r);
+  return 1;
 }
 
-static int sc_register_both_channels(void)
-{
-	uint32_t len;
-	int r, n;
+static int sc_register_both_channels(void) {
+  uint32_t len;
+  int r, n;
 
-	s26 = nl_open(PROTO_NORMAL);
-	s27 = nl_open(PROTO_FAST);
-	CHECK(s26 >= 0 && s27 >= 0, "cannot open and bind the channel sockets: %d %d", s26, s27);
-	r = register_pid(s26, PROTO_NORMAL, 0);
-	CHECK(r == 0, "registration on the normal channel acknowledged with %d", r);
-	/* Either socket registers for either channel. */
-	r = register_pid(s26, PROTO_FAST, 0);
-	CHECK(r == 0, "registration on the fast channel acknowledged with %d", r);
+  s26 = nl_open(PROTO_NORMAL);
+  s27 = nl_open(PROTO_FAST);
+  CHECK(s26 >= 0 && s27 >= 0, "cannot open and bind the channel sockets: %d %d", s26, s27);
+  r = register_pid(s26, PROTO_NORMAL, 0);
+  CHECK(r == 0, "registration on the normal channel acknowledged with %d", r);
+  /* Either socket registers for either channel. */
+  r = register_pid(s26, PROTO_FAST, 0);
+  CHECK(r == 0, "registration on the fast channel acknowledged with %d", r);
 
-	len = ecm_packet(pkt, 1);
-	r = drvsim(0, 2, pkt, len);
-	CHECK(r == (int)(16 + align4(len + 8)), "normal delivery returned %d", r);
-	n = nl_recv(s26, msg, sizeof(msg), 1000);
-	if (!check_delivery(msg, n, me, 2, pkt, len))
-		return because("normal channel");
-	r = drvsim(1, 2, pkt, len);
-	CHECK(r == (int)(16 + align4(len + 8)), "fast delivery returned %d", r);
-	n = nl_recv(s27, msg, sizeof(msg), 1000);
-	if (!check_delivery(msg, n, me, 2, pkt, len))
-		return because("fast channel");
-	CHECK(nl_recv(s26, msg, sizeof(msg), 100) == 0, "fast packet also arrived on the normal channel");
-	return 1;
+  len = ecm_packet(pkt, 1);
+  r = drvsim(0, 2, pkt, len);
+  CHECK(r == (int)(16 + align4(len + 8)), "normal delivery returned %d", r);
+  n = nl_recv(s26, msg, sizeof(msg), 1000);
+  if (!check_delivery(msg, n, me, 2, pkt, len)) return because("normal channel");
+  r = drvsim(1, 2, pkt, len);
+  CHECK(r == (int)(16 + align4(len + 8)), "fast delivery returned %d", r);
+  n = nl_recv(s27, msg, sizeof(msg), 1000);
+  if (!check_delivery(msg, n, me, 2, pkt, len)) return because("fast channel");
+  CHECK(nl_recv(s26, msg, sizeof(msg), 100) == 0, "fast packet also arrived on the normal channel");
+  return 1;
 }
 
 /* A type-17 message is refused with an error acknowledgement and changes
  * nothing: here it would have moved the fast channel to another process. */
-static int sc_type17_error_ack(void)
-{
-	uint32_t len;
-	int status, r, n;
-	pid_t child = fork();
+static int sc_type17_error_ack(void) {
+  uint32_t len;
+  int status, r, n;
+  pid_t child = fork();
 
-	if (child == 0) {
-		uint32_t p[2] = { PROTO_FAST, 0 };
-		int fd = nl_open(PROTO_NORMAL);
-		struct ack a;
+  if (child == 0) {
+    uint32_t p[2] = {PROTO_FAST, 0};
+    int fd = nl_open(PROTO_NORMAL);
+    struct ack a;
 
-		if (fd < 0 || ctrl_send(fd, 17, NLM_F_REQUEST, 7, MID_PID, 8, p, 8))
-			_exit(10);
-		if (!get_ack(fd, &a))
-			_exit(11);
-		if (a.error != -22)
-			_exit(12);
-		if (a.orig_type != 17 || a.orig_len != 32 || a.seq != 7 ||
-		    a.portid != (uint32_t)getpid())
-			_exit(13);
-		_exit(0);
-	}
-	CHECK(child > 0, "fork failed");
-	waitpid(child, &status, 0);
-	CHECK(WIFEXITED(status) && WEXITSTATUS(status) == 0,
-	      "sender saw no -22 acknowledgement echoing its header (code %d)",
-	      WIFEXITED(status) ? WEXITSTATUS(status) : -1);
+    if (fd < 0 || ctrl_send(fd, 17, NLM_F_REQUEST, 7, MID_PID, 8, p, 8)) _exit(10);
+    if (!get_ack(fd, &a)) _exit(11);
+    if (a.error != -22) _exit(12);
+    if (a.orig_type != 17 || a.orig_len != 32 || a.seq != 7 || a.portid != (uint32_t)getpid())
+      _exit(13);
+    _exit(0);
+  }
+  CHECK(child > 0, "fork failed");
+  waitpid(child, &status, 0);
+  CHECK(WIFEXITED(status) && WEXITSTATUS(status) == 0,
+        "sender saw no -22 acknowledgement echoing its header (code %d)",
+        WIFEXITED(status) ? WEXITSTATUS(status) : -1);
 
-	len = ecm_packet(pkt, 1);
-	r = drvsim(1, 2, pkt, len);
-	CHECK(r > 0, "fast delivery after the refused message returned %d", r);
-	n = nl_recv(s27, msg, sizeof(msg), 1000);
-	CHECK(n > 0, "fast channel's receiver changed");
-	return 1;
+  len = ecm_packet(pkt, 1);
+  r = drvsim(1, 2, pkt, len);
+  CHECK(r > 0, "fast delivery after the refused message returned %d", r);
+  n = nl_recv(s27, msg, sizeof(msg), 1000);
+  CHECK(n > 0, "fast channel's receiver changed");
+  return 1;
 }
 
-static int sc_msg16_acknowledged(void)
-{
-	int r = ctrl_ack(s26, MID_IGNORED, "abcd", 4);
+static int sc_msg16_acknowledged(void) {
+  int r = ctrl_ack(s26, MID_IGNORED, "abcd", 4);
 
-	CHECK(r == 0, "message id 16 acknowledged with %d", r);
-	CHECK(ctrl_send(s26, MSG_TYPE, NLM_F_REQUEST, 1, MID_IGNORED, 0, NULL, 0) == 0, "send");
-	CHECK(nl_recv(s26, msg, sizeof(msg), 200) == 0, "answer to a message that asked for none");
-	return 1;
+  CHECK(r == 0, "message id 16 acknowledged with %d", r);
+  CHECK(ctrl_send(s26, MSG_TYPE, NLM_F_REQUEST, 1, MID_IGNORED, 0, NULL, 0) == 0, "send");
+  CHECK(nl_recv(s26, msg, sizeof(msg), 200) == 0, "answer to a message that asked for none");
+  return 1;
 }
 
-static int handler_state(unsigned *calls, unsigned *len, char *data)
-{
-	char text[128];
+static int handler_state(unsigned* calls, unsigned* len, char* data) {
+  char text[128];
 
-	if (read_text(DRVSIM_HANDLER, text, sizeof(text)) <= 0)
-		return 0;
-	data[0] = '\0';
-	return sscanf(text, "calls=%u len=%u data=%40s", calls, len, data) >= 2;
+  if (read_text(DRVSIM_HANDLER, text, sizeof(text)) <= 0) return 0;
+  data[0] = '\0';
+  return sscanf(text, "calls=%u len=%u data=%40s", calls, len, data) >= 2;
 }
 
-static int sc_handler_msg3(void)
-{
-	uint8_t payload[20];
-	unsigned c0, c, l;
-	char d[41];
+static int sc_handler_msg3(void) {
+  uint8_t payload[20];
+  unsigned c0, c, l;
+  char d[41];
 
-	CHECK(handler_state(&c0, &l, d), "cannot read " DRVSIM_HANDLER);
-	pattern(payload, sizeof(payload), 0x10);
-	CHECK(ctrl_ack(s26, MID_HANDLER, payload, 20) == 0, "id 3 on the normal socket not acked");
-	CHECK(handler_state(&c, &l, d), "cannot read " DRVSIM_HANDLER);
-	CHECK(c == c0 + 1 && l == 20 && !strcmp(d, "10171e252c333a41484f565d646b7279"),
-	      "after id 3 with 20 bytes: calls=%u len=%u data=%s", c - c0, l, d);
-	/* Through the fast socket the normal record's handler runs too. */
-	CHECK(ctrl_ack(s27, MID_HANDLER, payload, 3) == 0, "id 3 on the fast socket not acked");
-	CHECK(handler_state(&c, &l, d), "cannot read " DRVSIM_HANDLER);
-	CHECK(c == c0 + 2 && l == 3 && !strcmp(d, "10171e"),
-	      "after id 3 with 3 bytes on the fast socket: calls=%u len=%u data=%s", c - c0, l, d);
-	return 1;
+  CHECK(handler_state(&c0, &l, d), "cannot read " DRVSIM_HANDLER);
+  pattern(payload, sizeof(payload), 0x10);
+  CHECK(ctrl_ack(s26, MID_HANDLER, payload, 20) == 0, "id 3 on the normal socket not acked");
+  CHECK(handler_state(&c, &l, d), "cannot read " DRVSIM_HANDLER);
+  CHECK(c == c0 + 1 && l == 20 && !strcmp(d, "10171e252c333a41484f565d646b7279"),
+        "after id 3 with 20 bytes: calls=%u len=%u data=%s", c - c0, l, d);
+  /* Through the fast socket the normal record's handler runs too. */
+  CHECK(ctrl_ack(s27, MID_HANDLER, payload, 3) == 0, "id 3 on the fast socket not acked");
+  CHECK(handler_state(&c, &l, d), "cannot read " DRVSIM_HANDLER);
+  CHECK(c == c0 + 2 && l == 3 && !strcmp(d, "10171e"),
+        "after id 3 with 3 bytes on the fast socket: calls=%u len=%u data=%s", c - c0, l, d);
+  return 1;
 }
 
-static int sc_default_receiver_bytes(void)
-{
-	static const uint32_t lens[] = { 1, 2, 13, 64, 10000 };
+static int sc_default_receiver_bytes(void) {
+  static const uint32_t lens[] = {1, 2, 13, 64, 10000};
 
-	for (unsigned k = 0; k < sizeof(lens) / sizeof(lens[0]); k++) {
-		uint32_t len = lens[k], type = 2 + k;
-		int r, n;
+  for (unsigned k = 0; k < sizeof(lens) / sizeof(lens[0]); k++) {
+    uint32_t len = lens[k], type = 2 + k;
+    int r, n;
 
-		pattern(pkt, len, 3 + k);
-		if (len >= PREFIX_LEN)
-			prefix(pkt, 1, 1);
-		r = drvsim(0, type, pkt, len);
-		CHECK(r == (int)(16 + align4(len + 8)), "len %u: result %d", len, r);
-		n = nl_recv(s26, msg, sizeof(msg), 1000);
-		if (!check_delivery(msg, n, me, type, pkt, len))
-		return because("len %u", len);
-	}
-	return 1;
+    pattern(pkt, len, 3 + k);
+    if (len >= PREFIX_LEN) prefix(pkt, 1, 1);
+    r = drvsim(0, type, pkt, len);
+    CHECK(r == (int)(16 + align4(len + 8)), "len %u: result %d", len, r);
+    n = nl_recv(s26, msg, sizeof(msg), 1000);
+    if (!check_delivery(msg, n, me, type, pkt, len)) return because("len %u", len);
+  }
+  return 1;
 }
 
-static int sc_length_limits(void)
-{
-	int r;
+static int sc_length_limits(void) {
+  int r;
 
-	pattern(pkt, 10001, 1);
-	prefix(pkt, 1, 1);
-	r = drvsim(0, 2, pkt, 0);
-	CHECK(r == -22, "length 0: %d", r);
-	r = drvsim(0, 2, pkt, 10001);
-	CHECK(r == -22, "length 10001: %d", r);
-	r = drvsim(1, 2, pkt, 10001);
-	CHECK(r == -22, "fast, length 10001: %d", r);
-	r = drvsim(0, 16, pkt, 100);
-	CHECK(r == -22, "type 16: %d", r);
-	r = drvsim(0, 2, pkt, 10000);
-	CHECK(r == 16 + 10008, "length 10000: %d", r);
-	CHECK(nl_recv(s26, msg, sizeof(msg), 1000) == 16 + 10008, "length 10000 not received");
-	CHECK(nl_recv(s26, msg, sizeof(msg), 100) == 0, "a refused packet was delivered");
-	return 1;
+  pattern(pkt, 10001, 1);
+  prefix(pkt, 1, 1);
+  r = drvsim(0, 2, pkt, 0);
+  CHECK(r == -22, "length 0: %d", r);
+  r = drvsim(0, 2, pkt, 10001);
+  CHECK(r == -22, "length 10001: %d", r);
+  r = drvsim(1, 2, pkt, 10001);
+  CHECK(r == -22, "fast, length 10001: %d", r);
+  r = drvsim(0, 16, pkt, 100);
+  CHECK(r == -22, "type 16: %d", r);
+  r = drvsim(0, 2, pkt, 10000);
+  CHECK(r == 16 + 10008, "length 10000: %d", r);
+  CHECK(nl_recv(s26, msg, sizeof(msg), 1000) == 16 + 10008, "length 10000 not received");
+  CHECK(nl_recv(s26, msg, sizeof(msg), 100) == 0, "a refused packet was delivered");
+  return 1;
 }
 
 /* The kernel bounds a receiver's queue by bytes (its receive buffer), not
  * by messages: once it is full a delivery answers -EAGAIN, and the
  * receiver's next recv() reports the overrun once with ENOBUFS before the
  * queued messages. */
-static int sc_queue_full_eagain(void)
-{
-	uint32_t len = ecm_packet(pkt, 1);
-	int queued = 0, drained = 0, r = 0, n;
+static int sc_queue_full_eagain(void) {
+  uint32_t len = ecm_packet(pkt, 1);
+  int queued = 0, drained = 0, r = 0, n;
 
-	while (queued < 100000) {
-		r = drvsim(0, 2, pkt, len);
-		if (r <= 0)
-			break;
-		queued++;
-	}
-	CHECK(r == -11, "after %d queued packets the answer was %d, expected -11", queued, r);
-	n = (int)recv(s26, msg, sizeof(msg), MSG_DONTWAIT);
-	CHECK(n < 0 && errno == ENOBUFS, "first recv after the overrun: %d (errno %d)", n, errno);
-	while (nl_recv(s26, msg, sizeof(msg), 0) > 0)
-		drained++;
-	CHECK(drained == queued, "%d packets queued, %d received", queued, drained);
-	r = drvsim(0, 2, pkt, len);
-	CHECK(r > 0 && nl_recv(s26, msg, sizeof(msg), 1000) > 0, "no delivery after draining (%d)", r);
-	printf("vane-queue: %d messages of %u bytes fit before -EAGAIN\n", queued,
-	       16 + align4(len + 8));
-	return 1;
+  while (queued < 100000) {
+    r = drvsim(0, 2, pkt, len);
+    if (r <= 0) break;
+    queued++;
+  }
+  CHECK(r == -11, "after %d queued packets the answer was %d, expected -11", queued, r);
+  n = (int)recv(s26, msg, sizeof(msg), MSG_DONTWAIT);
+  CHECK(n < 0 && errno == ENOBUFS, "first recv after the overrun: %d (errno %d)", n, errno);
+  while (nl_recv(s26, msg, sizeof(msg), 0) > 0) drained++;
+  CHECK(drained == queued, "%d packets queued, %d received", queued, drained);
+  r = drvsim(0, 2, pkt, len);
+  CHECK(r > 0 && nl_recv(s26, msg, sizeof(msg), 1000) > 0, "no delivery after draining (%d)", r);
+  printf("vane-queue: %d messages of %u bytes fit before -EAGAIN\n", queued, 16 + align4(len + 8));
+  return 1;
 }
 
-static int read_refcnt(void)
-{
-	char text[16];
+static int read_refcnt(void) {
+  char text[16];
 
-	return read_text("/sys/module/drv_vane/refcnt", text, sizeof(text)) > 0 ? atoi(text) : -1;
+  return read_text("/sys/module/drv_vane/refcnt", text, sizeof(text)) > 0 ? atoi(text) : -1;
 }
 
 /* Every open socket of the module's protocols holds a reference on it. */
-static int sc_socket_holds_module(void)
-{
-	int before = read_refcnt(), during, after;
-	int fd = socket(AF_NETLINK, SOCK_RAW, PROTO_FAST);
+static int sc_socket_holds_module(void) {
+  int before = read_refcnt(), during, after;
+  int fd = socket(AF_NETLINK, SOCK_RAW, PROTO_FAST);
 
-	CHECK(fd >= 0, "socket: errno %d", errno);
-	during = read_refcnt();
-	close(fd);
-	after = read_refcnt();
-	CHECK(before > 0 && during == before + 1 && after == before,
-	      "refcnt %d, with one more socket %d, after closing it %d", before, during, after);
-	return 1;
+  CHECK(fd >= 0, "socket: errno %d", errno);
+  during = read_refcnt();
+  close(fd);
+  after = read_refcnt();
+  CHECK(before > 0 && during == before + 1 && after == before,
+        "refcnt %d, with one more socket %d, after closing it %d", before, during, after);
+  return 1;
 }
 
-static int sc_icmp_fast_channel(void)
-{
-	uint32_t len = icmp_echo(pkt, 0);
-	int r, n;
+static int sc_icmp_fast_channel(void) {
+  uint32_t len = icmp_echo(pkt, 0);
+  int r, n;
 
-	r = drvsim(0, 1, pkt, len);
-	CHECK(r > 0, "ICMP echo through netlink_send_msg: %d", r);
-	n = nl_recv(s27, msg, sizeof(msg), 1000);
-	if (!check_delivery(msg, n, me, 1, pkt, len))
-		return because("fast channel");
-	CHECK(nl_recv(s26, msg, sizeof(msg), 100) == 0, "ICMP echo also on the normal channel");
+  r = drvsim(0, 1, pkt, len);
+  CHECK(r > 0, "ICMP echo through netlink_send_msg: %d", r);
+  n = nl_recv(s27, msg, sizeof(msg), 1000);
+  if (!check_delivery(msg, n, me, 1, pkt, len)) return because("fast channel");
+  CHECK(nl_recv(s26, msg, sizeof(msg), 100) == 0, "ICMP echo also on the normal channel");
 
-	/* Type 2, or word 0 set, keeps it on the normal channel. */
-	r = drvsim(0, 2, pkt, len);
-	n = nl_recv(s26, msg, sizeof(msg), 1000);
-	CHECK(r > 0 && n > 0, "type 2 ICMP echo not on the normal channel (%d)", r);
-	len = icmp_echo(pkt, 1);
-	r = drvsim(0, 1, pkt, len);
-	n = nl_recv(s26, msg, sizeof(msg), 1000);
-	CHECK(r > 0 && n > 0, "ICMP echo with word 0 = 1 not on the normal channel (%d)", r);
-	CHECK(nl_recv(s27, msg, sizeof(msg), 100) == 0, "fast channel got a normal packet");
-	return 1;
+  /* Type 2, or word 0 set, keeps it on the normal channel. */
+  r = drvsim(0, 2, pkt, len);
+  n = nl_recv(s26, msg, sizeof(msg), 1000);
+  CHECK(r > 0 && n > 0, "type 2 ICMP echo not on the normal channel (%d)", r);
+  len = icmp_echo(pkt, 1);
+  r = drvsim(0, 1, pkt, len);
+  n = nl_recv(s26, msg, sizeof(msg), 1000);
+  CHECK(r > 0 && n > 0, "ICMP echo with word 0 = 1 not on the normal channel (%d)", r);
+  CHECK(nl_recv(s27, msg, sizeof(msg), 100) == 0, "fast channel got a normal packet");
+  return 1;
 }
 
 /* Dispatch on: an ECM packet goes to the worker of the vCPU its inner MAC
  * names; message 5 with dispatch off sends it to the default receiver. */
-static int ecm_steps(struct worker *w5)
-{
-	uint32_t rec[22], len, c133 = 0, c5 = 0, c133b = 0, c5b = 0;
-	int r, n;
+static int ecm_steps(struct worker* w5) {
+  uint32_t rec[22], len, c133 = 0, c5 = 0, c133b = 0, c5b = 0;
+  int r, n;
 
-	config(rec, 1);
-	r = ctrl_ack(s26, MID_OFFSET, rec, 88);
-	CHECK(r == 0, "message 5 acknowledged with %d", r);
-	CHECK(read_counter(128 + ECM_VCPU, &c133) && read_counter(ECM_VCPU, &c5),
-	      "cannot read " PROC_COUNTS);
-	len = ecm_packet(pkt, ECM_VCPU);
-	r = drvsim(0, 2, pkt, len);
-	n = worker_recv(w5, msg);
-	if (!check_delivery(msg, n, (uint32_t)w5->pid, 2, pkt, len))
-		return because("dispatch on, result %d, vCPU worker", r);
-	CHECK(nl_recv(s26, msg, sizeof(msg), 100) == 0,
-	      "dispatch on: the default receiver got the ECM packet too");
-	CHECK(read_counter(128 + ECM_VCPU, &c133b) && read_counter(ECM_VCPU, &c5b),
-	      "cannot read " PROC_COUNTS);
-	CHECK(c133b == c133 + 1 && c5b == c5 + 1, "counters 133 and 5 moved by %u and %u",
-	      c133b - c133, c5b - c5);
+  config(rec, 1);
+  r = ctrl_ack(s26, MID_OFFSET, rec, 88);
+  CHECK(r == 0, "message 5 acknowledged with %d", r);
+  CHECK(read_counter(128 + ECM_VCPU, &c133) && read_counter(ECM_VCPU, &c5),
+        "cannot read " PROC_COUNTS);
+  len = ecm_packet(pkt, ECM_VCPU);
+  r = drvsim(0, 2, pkt, len);
+  n = worker_recv(w5, msg);
+  if (!check_delivery(msg, n, (uint32_t)w5->pid, 2, pkt, len))
+    return because("dispatch on, result %d, vCPU worker", r);
+  CHECK(nl_recv(s26, msg, sizeof(msg), 100) == 0,
+        "dispatch on: the default receiver got the ECM packet too");
+  CHECK(read_counter(128 + ECM_VCPU, &c133b) && read_counter(ECM_VCPU, &c5b),
+        "cannot read " PROC_COUNTS);
+  CHECK(c133b == c133 + 1 && c5b == c5 + 1, "counters 133 and 5 moved by %u and %u", c133b - c133,
+        c5b - c5);
 
-	config(rec, 0);
-	r = ctrl_ack(s26, MID_OFFSET, rec, 88);
-	CHECK(r == 0, "message 5 (dispatch off) acknowledged with %d", r);
-	r = drvsim(0, 2, pkt, len);
-	n = nl_recv(s26, msg, sizeof(msg), 1000);
-	if (!check_delivery(msg, n, me, 2, pkt, len))
-		return because("dispatch off, result %d, default receiver", r);
-	CHECK(worker_recv(w5, msg) == 0, "dispatch off: the vCPU worker still got the packet");
-	return 1;
+  config(rec, 0);
+  r = ctrl_ack(s26, MID_OFFSET, rec, 88);
+  CHECK(r == 0, "message 5 (dispatch off) acknowledged with %d", r);
+  r = drvsim(0, 2, pkt, len);
+  n = nl_recv(s26, msg, sizeof(msg), 1000);
+  if (!check_delivery(msg, n, me, 2, pkt, len))
+    return because("dispatch off, result %d, default receiver", r);
+  CHECK(worker_recv(w5, msg) == 0, "dispatch off: the vCPU worker still got the packet");
+  return 1;
 }
 
-static int sc_ecm_to_vcpu_worker(void)
-{
-	struct worker w5 = { 0 };
-	int ok;
+static int sc_ecm_to_vcpu_worker(void) {
+  struct worker w5 = {0};
+  int ok;
 
-	CHECK(worker_start(&w5, PROTO_NORMAL, ECM_VCPU) == 0, "vCPU %d worker failed to register",
-	      ECM_VCPU);
-	ok = ecm_steps(&w5);
-	worker_stop(&w5);
-	return ok;
+  CHECK(worker_start(&w5, PROTO_NORMAL, ECM_VCPU) == 0, "vCPU %d worker failed to register",
+        ECM_VCPU);
+  ok = ecm_steps(&w5);
+  worker_stop(&w5);
+  return ok;
 }
 
-static int sc_debug_buffer(void)
-{
-	uint32_t level = 1, rec[22];
-	static char text[32768 + 1];
-	int fd = open("/proc/bypassDebug/debug", O_RDWR);
-	ssize_t n;
+static int sc_debug_buffer(void) {
+  uint32_t level = 1, rec[22];
+  static char text[32768 + 1];
+  int fd = open("/proc/bypassDebug/debug", O_RDWR);
+  ssize_t n;
 
-	CHECK(fd >= 0, "cannot open /proc/bypassDebug/debug");
-	n = write(fd, &level, 4);
-	CHECK(n == 4, "level write returned %zd", n);
-	config(rec, 0);
-	CHECK(ctrl_ack(s26, MID_OFFSET, rec, 88) == 0, "message 5 not acknowledged");
-	n = pread(fd, text, sizeof(text) - 1, 0);
-	close(fd);
-	CHECK(n == 32768, "debug area read %zd bytes", n);
-	text[n] = '\0';
-	CHECK(strstr(text, "\r\nNETLINK_MID_OFFSET.") != NULL, "no trace of message 5: \"%.60s\"",
-	      text);
-	level = 0;
-	fd = open("/proc/bypassDebug/debug", O_WRONLY);
-	CHECK(fd >= 0 && write(fd, &level, 4) == 4, "cannot switch the debug output off");
-	close(fd);
-	return 1;
+  CHECK(fd >= 0, "cannot open /proc/bypassDebug/debug");
+  n = write(fd, &level, 4);
+  CHECK(n == 4, "level write returned %zd", n);
+  config(rec, 0);
+  CHECK(ctrl_ack(s26, MID_OFFSET, rec, 88) == 0, "message 5 not acknowledged");
+  n = pread(fd, text, sizeof(text) - 1, 0);
+  close(fd);
+  CHECK(n == 32768, "debug area read %zd bytes", n);
+  text[n] = '\0';
+  CHECK(strstr(text, "\r\nNETLINK_MID_OFFSET.") != NULL, "no trace of message 5: \"%.60s\"", text);
+  level = 0;
+  fd = open("/proc/bypassDebug/debug", O_WRONLY);
+  CHECK(fd >= 0 && write(fd, &level, 4) == 4, "cannot switch the debug output off");
+  close(fd);
+  return 1;
 }
 
 /* Concurrency smoke: control messages from several processes and packets
@@ -786,179 +698,162 @@ static int sc_debug_buffer(void)
 #define SMOKE_CTRL 3
 #define SMOKE_PKT 2
 
-static long now_ms(void)
-{
-	struct timespec ts;
+static long now_ms(void) {
+  struct timespec ts;
 
-	clock_gettime(CLOCK_MONOTONIC, &ts);
-	return ts.tv_sec * 1000L + ts.tv_nsec / 1000000L;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return ts.tv_sec * 1000L + ts.tv_nsec / 1000000L;
 }
 
-static void smoke_ctrl(int idx, int out)
-{
-	int fd = nl_open(idx % 2 ? PROTO_FAST : PROTO_NORMAL);
-	uint32_t rec[22], h = 0, bad = 0;
-	long end = now_ms() + SMOKE_MS;
+static void smoke_ctrl(int idx, int out) {
+  int fd = nl_open(idx % 2 ? PROTO_FAST : PROTO_NORMAL);
+  uint32_t rec[22], h = 0, bad = 0;
+  long end = now_ms() + SMOKE_MS;
 
-	if (fd < 0)
-		_exit(1);
-	while (now_ms() < end) {
-		uint8_t payload[8] = { (uint8_t)idx };
+  if (fd < 0) _exit(1);
+  while (now_ms() < end) {
+    uint8_t payload[8] = {(uint8_t)idx};
 
-		if (ctrl_ack(fd, MID_HANDLER, payload, 8) == 0)
-			h++;
-		else
-			bad++;
-		if (ctrl_ack(fd, MID_IGNORED, NULL, 0) != 0)
-			bad++;
-		config(rec, h & 1);
-		if (ctrl_ack(fd, MID_OFFSET, rec, 88) != 0)
-			bad++;
-	}
-	close(fd);
-	if (write(out, &h, 4) != 4 || write(out, &bad, 4) != 4)
-		_exit(1);
-	_exit(0);
+    if (ctrl_ack(fd, MID_HANDLER, payload, 8) == 0)
+      h++;
+    else
+      bad++;
+    if (ctrl_ack(fd, MID_IGNORED, NULL, 0) != 0) bad++;
+    config(rec, h & 1);
+    if (ctrl_ack(fd, MID_OFFSET, rec, 88) != 0) bad++;
+  }
+  close(fd);
+  if (write(out, &h, 4) != 4 || write(out, &bad, 4) != 4) _exit(1);
+  _exit(0);
 }
 
-static void smoke_pkt(int idx, int out)
-{
-	uint32_t sent = 0, bad = 0;
-	long end = now_ms() + SMOKE_MS;
+static void smoke_pkt(int idx, int out) {
+  uint32_t sent = 0, bad = 0;
+  long end = now_ms() + SMOKE_MS;
 
-	while (now_ms() < end) {
-		uint32_t len;
-		int r;
+  while (now_ms() < end) {
+    uint32_t len;
+    int r;
 
-		switch (sent % 3) {
-		case 0:
-			len = ecm_packet(pkt, ECM_VCPU); /* vCPU 5 has no live worker */
-			break;
-		case 1:
-			len = icmp_echo(pkt, 0);
-			break;
-		default:
-			len = 200 + idx;
-			pattern(pkt, len, (uint8_t)sent);
-			prefix(pkt, 1, 1);
-		}
-		r = drvsim(sent & 1, sent % 3 == 1 ? 1 : 1 + sent % 15, pkt, len);
-		/* Whatever the dispatch decided, the answer is a length or a
-		 * delivery error, never a crash or a stand-in failure. */
-		if (r == -2000 || (r < 0 && r != -111 && r != -11 && r != -77))
-			bad++;
-		sent++;
-	}
-	if (write(out, &sent, 4) != 4 || write(out, &bad, 4) != 4)
-		_exit(1);
-	_exit(0);
+    switch (sent % 3) {
+      case 0:
+        len = ecm_packet(pkt, ECM_VCPU); /* vCPU 5 has no live worker */
+        break;
+      case 1:
+        len = icmp_echo(pkt, 0);
+        break;
+      default:
+        len = 200 + idx;
+        pattern(pkt, len, (uint8_t)sent);
+        prefix(pkt, 1, 1);
+    }
+    r = drvsim(sent & 1, sent % 3 == 1 ? 1 : 1 + sent % 15, pkt, len);
+    /* Whatever the dispatch decided, the answer is a length or a
+     * delivery error, never a crash or a stand-in failure. */
+    if (r == -2000 || (r < 0 && r != -111 && r != -11 && r != -77)) bad++;
+    sent++;
+  }
+  if (write(out, &sent, 4) != 4 || write(out, &bad, 4) != 4) _exit(1);
+  _exit(0);
 }
 
-static int sc_concurrency_smoke(void)
-{
-	int pipes[SMOKE_CTRL + SMOKE_PKT][2];
-	pid_t kids[SMOKE_CTRL + SMOKE_PKT];
-	uint32_t handled = 0, sent = 0, bad = 0, rec[22];
-	unsigned c0, c1, l;
-	char d[41];
-	long end;
+static int sc_concurrency_smoke(void) {
+  int pipes[SMOKE_CTRL + SMOKE_PKT][2];
+  pid_t kids[SMOKE_CTRL + SMOKE_PKT];
+  uint32_t handled = 0, sent = 0, bad = 0, rec[22];
+  unsigned c0, c1, l;
+  char d[41];
+  long end;
 
-	CHECK(handler_state(&c0, &l, d), "cannot read " DRVSIM_HANDLER);
-	for (int i = 0; i < SMOKE_CTRL + SMOKE_PKT; i++) {
-		CHECK(pipe(pipes[i]) == 0, "pipe");
-		kids[i] = fork();
-		CHECK(kids[i] >= 0, "fork");
-		if (kids[i] == 0) {
-			close(pipes[i][0]);
-			if (i < SMOKE_CTRL)
-				smoke_ctrl(i, pipes[i][1]);
-			smoke_pkt(i, pipes[i][1]);
-		}
-		close(pipes[i][1]);
-	}
-	/* Meanwhile keep the default receivers' queues moving. */
-	end = now_ms() + SMOKE_MS + 500;
-	while (now_ms() < end) {
-		nl_recv(s26, msg, sizeof(msg), 10);
-		nl_recv(s27, msg, sizeof(msg), 0);
-	}
-	for (int i = 0; i < SMOKE_CTRL + SMOKE_PKT; i++) {
-		uint32_t a = 0, b = 1;
-		int status;
+  CHECK(handler_state(&c0, &l, d), "cannot read " DRVSIM_HANDLER);
+  for (int i = 0; i < SMOKE_CTRL + SMOKE_PKT; i++) {
+    CHECK(pipe(pipes[i]) == 0, "pipe");
+    kids[i] = fork();
+    CHECK(kids[i] >= 0, "fork");
+    if (kids[i] == 0) {
+      close(pipes[i][0]);
+      if (i < SMOKE_CTRL) smoke_ctrl(i, pipes[i][1]);
+      smoke_pkt(i, pipes[i][1]);
+    }
+    close(pipes[i][1]);
+  }
+  /* Meanwhile keep the default receivers' queues moving. */
+  end = now_ms() + SMOKE_MS + 500;
+  while (now_ms() < end) {
+    nl_recv(s26, msg, sizeof(msg), 10);
+    nl_recv(s27, msg, sizeof(msg), 0);
+  }
+  for (int i = 0; i < SMOKE_CTRL + SMOKE_PKT; i++) {
+    uint32_t a = 0, b = 1;
+    int status;
 
-		if (read(pipes[i][0], &a, 4) != 4 || read(pipes[i][0], &b, 4) != 4)
-			b = 1000;
-		close(pipes[i][0]);
-		waitpid(kids[i], &status, 0);
-		if (i < SMOKE_CTRL)
-			handled += a;
-		else
-			sent += a;
-		bad += b;
-	}
-	nl_drain(s26);
-	nl_drain(s27);
-	config(rec, 0);
-	ctrl_ack(s26, MID_OFFSET, rec, 88);
-	CHECK(handler_state(&c1, &l, d), "cannot read " DRVSIM_HANDLER);
-	CHECK(bad == 0, "%u failed or unexpected answers", bad);
-	CHECK(c1 - c0 == handled, "handler ran %u times for %u acknowledged messages", c1 - c0,
-	      handled);
-	CHECK(handled > 0 && sent > 0, "nothing happened (%u messages, %u packets)", handled, sent);
-	printf("vane-smoke: %u handler messages, %u packets in %d ms\n", handled, sent, SMOKE_MS);
-	return 1;
+    if (read(pipes[i][0], &a, 4) != 4 || read(pipes[i][0], &b, 4) != 4) b = 1000;
+    close(pipes[i][0]);
+    waitpid(kids[i], &status, 0);
+    if (i < SMOKE_CTRL)
+      handled += a;
+    else
+      sent += a;
+    bad += b;
+  }
+  nl_drain(s26);
+  nl_drain(s27);
+  config(rec, 0);
+  ctrl_ack(s26, MID_OFFSET, rec, 88);
+  CHECK(handler_state(&c1, &l, d), "cannot read " DRVSIM_HANDLER);
+  CHECK(bad == 0, "%u failed or unexpected answers", bad);
+  CHECK(c1 - c0 == handled, "handler ran %u times for %u acknowledged messages", c1 - c0, handled);
+  CHECK(handled > 0 && sent > 0, "nothing happened (%u messages, %u packets)", handled, sent);
+  printf("vane-smoke: %u handler messages, %u packets in %d ms\n", handled, sent, SMOKE_MS);
+  return 1;
 }
 
-static int noproto(int argc, char **argv)
-{
-	const char *label = argc > 2 ? argv[2] : "noproto";
+static int noproto(int argc, char** argv) {
+  const char* label = argc > 2 ? argv[2] : "noproto";
 
-	for (int i = 3; i < argc; i++) {
-		int proto = atoi(argv[i]);
-		int fd = socket(AF_NETLINK, SOCK_RAW, proto);
-		int e = errno;
+  for (int i = 3; i < argc; i++) {
+    int proto = atoi(argv[i]);
+    int fd = socket(AF_NETLINK, SOCK_RAW, proto);
+    int e = errno;
 
-		if (fd >= 0) {
-			close(fd);
-			printf("VANE-FAIL %s-%d: socket opened\n", label, proto);
-			failed++;
-		} else if (e != EPROTONOSUPPORT) {
-			printf("VANE-FAIL %s-%d: errno %d, expected EPROTONOSUPPORT\n", label, proto, e);
-			failed++;
-		} else {
-			printf("VANE-PASS %s-%d\n", label, proto);
-		}
-	}
-	return failed ? 1 : 0;
+    if (fd >= 0) {
+      close(fd);
+      printf("VANE-FAIL %s-%d: socket opened\n", label, proto);
+      failed++;
+    } else if (e != EPROTONOSUPPORT) {
+      printf("VANE-FAIL %s-%d: errno %d, expected EPROTONOSUPPORT\n", label, proto, e);
+      failed++;
+    } else {
+      printf("VANE-PASS %s-%d\n", label, proto);
+    }
+  }
+  return failed ? 1 : 0;
 }
 
-int main(int argc, char **argv)
-{
-	setvbuf(stdout, NULL, _IOLBF, 0);
-	if (argc > 1 && !strcmp(argv[1], "noproto"))
-		return noproto(argc, argv);
+int main(int argc, char** argv) {
+  setvbuf(stdout, NULL, _IOLBF, 0);
+  if (argc > 1 && !strcmp(argv[1], "noproto")) return noproto(argc, argv);
 
-	me = (uint32_t)getpid();
-	run("no-receiver-77", sc_no_receiver);
-	run("register-both-channels", sc_register_both_channels);
-	if (s26 < 0 || s27 < 0)
-		return 1;
-	run("type17-error-ack", sc_type17_error_ack);
-	run("msg16-acknowledged", sc_msg16_acknowledged);
-	run("handler-msg3", sc_handler_msg3);
-	run("default-receiver-bytes", sc_default_receiver_bytes);
-	run("length-limits", sc_length_limits);
-	run("queue-full-eagain", sc_queue_full_eagain);
-	run("socket-holds-module", sc_socket_holds_module);
-	run("icmp-fast-channel", sc_icmp_fast_channel);
-	run("ecm-to-vcpu-worker", sc_ecm_to_vcpu_worker);
-	run("debug-buffer", sc_debug_buffer);
-	run("concurrency-smoke", sc_concurrency_smoke);
+  me = (uint32_t)getpid();
+  run("no-receiver-77", sc_no_receiver);
+  run("register-both-channels", sc_register_both_channels);
+  if (s26 < 0 || s27 < 0) return 1;
+  run("type17-error-ack", sc_type17_error_ack);
+  run("msg16-acknowledged", sc_msg16_acknowledged);
+  run("handler-msg3", sc_handler_msg3);
+  run("default-receiver-bytes", sc_default_receiver_bytes);
+  run("length-limits", sc_length_limits);
+  run("queue-full-eagain", sc_queue_full_eagain);
+  run("socket-holds-module", sc_socket_holds_module);
+  run("icmp-fast-channel", sc_icmp_fast_channel);
+  run("ecm-to-vcpu-worker", sc_ecm_to_vcpu_worker);
+  run("debug-buffer", sc_debug_buffer);
+  run("concurrency-smoke", sc_concurrency_smoke);
 
-	/* The kernel holds a reference on drv_vane for every open socket of its
-	 * protocols; close them so the module can be unloaded. */
-	close(s26);
-	close(s27);
-	printf("vane-scenarios: %d passed, %d failed\n", passed, failed);
-	return failed ? 1 : 0;
+  /* The kernel holds a reference on drv_vane for every open socket of its
+   * protocols; close them so the module can be unloaded. */
+  close(s26);
+  close(s27);
+  printf("vane-scenarios: %d passed, %d failed\n", passed, failed);
+  return failed ? 1 : 0;
 }

@@ -45,7 +45,7 @@
 #define DRVSIM_MSG_ID 3
 #define DRVSIM_KEEP 16
 
-static struct proc_dir_entry *drvsim_dir;
+static struct proc_dir_entry* drvsim_dir;
 static int drvsim_result;
 
 static DEFINE_SPINLOCK(drvsim_lock);
@@ -55,128 +55,116 @@ static u8 drvsim_data[DRVSIM_KEEP];
 static unsigned int drvsim_kept;
 static atomic_t drvsim_inflight = ATOMIC_INIT(0);
 
-static int drvsim_handler(void *payload, u32 len)
-{
-	unsigned int keep = min_t(u32, len, DRVSIM_KEEP);
+static int drvsim_handler(void* payload, u32 len) {
+  unsigned int keep = min_t(u32, len, DRVSIM_KEEP);
 
-	atomic_inc(&drvsim_inflight);
-	spin_lock_bh(&drvsim_lock);
-	drvsim_calls++;
-	drvsim_len = len;
-	memcpy(drvsim_data, payload, keep);
-	drvsim_kept = keep;
-	spin_unlock_bh(&drvsim_lock);
-	atomic_dec(&drvsim_inflight);
-	return 0;
+  atomic_inc(&drvsim_inflight);
+  spin_lock_bh(&drvsim_lock);
+  drvsim_calls++;
+  drvsim_len = len;
+  memcpy(drvsim_data, payload, keep);
+  drvsim_kept = keep;
+  spin_unlock_bh(&drvsim_lock);
+  atomic_dec(&drvsim_inflight);
+  return 0;
 }
 
-static ssize_t drvsim_send_write(struct file *file, const char __user *ubuf, size_t count,
-				 loff_t *pos)
-{
-	u32 head[2];
-	u32 len;
-	u8 *buf;
-	int ret;
+static ssize_t drvsim_send_write(struct file* file, const char __user* ubuf, size_t count,
+                                 loff_t* pos) {
+  u32 head[2];
+  u32 len;
+  u8* buf;
+  int ret;
 
-	if (count < DRVSIM_HEADER || count > DRVSIM_SEND_MAX)
-		return -EINVAL;
-	if (copy_from_user(head, ubuf, sizeof(head)))
-		return -EFAULT;
-	if (head[0] > 1)
-		return -EINVAL;
+  if (count < DRVSIM_HEADER || count > DRVSIM_SEND_MAX) return -EINVAL;
+  if (copy_from_user(head, ubuf, sizeof(head))) return -EFAULT;
+  if (head[0] > 1) return -EINVAL;
 
-	len = count - DRVSIM_HEADER;
-	buf = kvmalloc(len ? len : 1, GFP_KERNEL);
-	if (!buf)
-		return -ENOMEM;
-	if (copy_from_user(buf, ubuf + DRVSIM_HEADER, len)) {
-		kvfree(buf);
-		return -EFAULT;
-	}
+  len = count - DRVSIM_HEADER;
+  buf = kvmalloc(len ? len : 1, GFP_KERNEL);
+  if (!buf) return -ENOMEM;
+  if (copy_from_user(buf, ubuf + DRVSIM_HEADER, len)) {
+    kvfree(buf);
+    return -EFAULT;
+  }
 
-	local_bh_disable();
-	if (head[0] == 0)
-		ret = netlink_send_msg(head[1], buf, len);
-	else
-		ret = netlink_fastsend_msg(head[1], buf, len);
-	local_bh_enable();
+  local_bh_disable();
+  if (head[0] == 0)
+    ret = netlink_send_msg(head[1], buf, len);
+  else
+    ret = netlink_fastsend_msg(head[1], buf, len);
+  local_bh_enable();
 
-	WRITE_ONCE(drvsim_result, ret);
-	kvfree(buf);
-	return count;
+  WRITE_ONCE(drvsim_result, ret);
+  kvfree(buf);
+  return count;
 }
 
-static ssize_t drvsim_result_read(struct file *file, char __user *ubuf, size_t count, loff_t *pos)
-{
-	char text[16];
-	int n = scnprintf(text, sizeof(text), "%d\n", READ_ONCE(drvsim_result));
+static ssize_t drvsim_result_read(struct file* file, char __user* ubuf, size_t count, loff_t* pos) {
+  char text[16];
+  int n = scnprintf(text, sizeof(text), "%d\n", READ_ONCE(drvsim_result));
 
-	return simple_read_from_buffer(ubuf, count, pos, text, n);
+  return simple_read_from_buffer(ubuf, count, pos, text, n);
 }
 
-static ssize_t drvsim_handler_read(struct file *file, char __user *ubuf, size_t count,
-				   loff_t *pos)
-{
-	char text[64 + 2 * DRVSIM_KEEP];
-	u8 data[DRVSIM_KEEP];
-	unsigned int calls, len, kept;
-	int n;
+static ssize_t drvsim_handler_read(struct file* file, char __user* ubuf, size_t count,
+                                   loff_t* pos) {
+  char text[64 + 2 * DRVSIM_KEEP];
+  u8 data[DRVSIM_KEEP];
+  unsigned int calls, len, kept;
+  int n;
 
-	spin_lock_bh(&drvsim_lock);
-	calls = drvsim_calls;
-	len = drvsim_len;
-	kept = drvsim_kept;
-	memcpy(data, drvsim_data, kept);
-	spin_unlock_bh(&drvsim_lock);
+  spin_lock_bh(&drvsim_lock);
+  calls = drvsim_calls;
+  len = drvsim_len;
+  kept = drvsim_kept;
+  memcpy(data, drvsim_data, kept);
+  spin_unlock_bh(&drvsim_lock);
 
-	n = scnprintf(text, sizeof(text), "calls=%u len=%u data=%*phN\n", calls, len, kept, data);
-	return simple_read_from_buffer(ubuf, count, pos, text, n);
+  n = scnprintf(text, sizeof(text), "calls=%u len=%u data=%*phN\n", calls, len, kept, data);
+  return simple_read_from_buffer(ubuf, count, pos, text, n);
 }
 
 static const struct proc_ops drvsim_send_ops = {
-	.proc_write = drvsim_send_write,
+    .proc_write = drvsim_send_write,
 };
 
 static const struct proc_ops drvsim_result_ops = {
-	.proc_read = drvsim_result_read,
+    .proc_read = drvsim_result_read,
 };
 
 static const struct proc_ops drvsim_handler_ops = {
-	.proc_read = drvsim_handler_read,
+    .proc_read = drvsim_handler_read,
 };
 
-static int __init drvsim_init(void)
-{
-	int ret;
+static int __init drvsim_init(void) {
+  int ret;
 
-	drvsim_dir = proc_mkdir(DRVSIM_DIR, NULL);
-	if (!drvsim_dir)
-		return -ENOMEM;
-	if (!proc_create("send", 0200, drvsim_dir, &drvsim_send_ops) ||
-	    !proc_create("result", 0444, drvsim_dir, &drvsim_result_ops) ||
-	    !proc_create("handler", 0444, drvsim_dir, &drvsim_handler_ops)) {
-		remove_proc_subtree(DRVSIM_DIR, NULL);
-		return -ENOMEM;
-	}
-	ret = netlink_connect(DRVSIM_MSG_ID, drvsim_handler);
-	if (ret) {
-		remove_proc_subtree(DRVSIM_DIR, NULL);
-		return ret;
-	}
-	return 0;
+  drvsim_dir = proc_mkdir(DRVSIM_DIR, NULL);
+  if (!drvsim_dir) return -ENOMEM;
+  if (!proc_create("send", 0200, drvsim_dir, &drvsim_send_ops) ||
+      !proc_create("result", 0444, drvsim_dir, &drvsim_result_ops) ||
+      !proc_create("handler", 0444, drvsim_dir, &drvsim_handler_ops)) {
+    remove_proc_subtree(DRVSIM_DIR, NULL);
+    return -ENOMEM;
+  }
+  ret = netlink_connect(DRVSIM_MSG_ID, drvsim_handler);
+  if (ret) {
+    remove_proc_subtree(DRVSIM_DIR, NULL);
+    return ret;
+  }
+  return 0;
 }
 
-static void __exit drvsim_exit(void)
-{
-	netlink_disconnect(DRVSIM_MSG_ID);
-	/* A control message that read the handler slot before the disconnect
-	 * may still be inside the handler on another processor; let it leave
-	 * before the code goes away. (One that has read the slot but not yet
-	 * entered cannot be seen from here; the harness unloads only after its
-	 * senders are gone.) */
-	while (atomic_read(&drvsim_inflight))
-		msleep(1);
-	remove_proc_subtree(DRVSIM_DIR, NULL);
+static void __exit drvsim_exit(void) {
+  netlink_disconnect(DRVSIM_MSG_ID);
+  /* A control message that read the handler slot before the disconnect
+   * may still be inside the handler on another processor; let it leave
+   * before the code goes away. (One that has read the slot but not yet
+   * entered cannot be seen from here; the harness unloads only after its
+   * senders are gone.) */
+  while (atomic_read(&drvsim_inflight)) msleep(1);
+  remove_proc_subtree(DRVSIM_DIR, NULL);
 }
 
 module_init(drvsim_init);
