@@ -4,7 +4,7 @@
 #      module core compiles under the kernel's constraints);
 #   2. the same suites under AddressSanitizer + UndefinedBehaviorSanitizer;
 #   3. the same suites under ThreadSanitizer;
-#   4. formatting;
+#   4. formatting and clang-tidy;
 #   5. the kernel modules in a real Linux kernel under qemu (x86_64).
 # Set VANE_SKIP_QEMU=1 to leave out step 5.
 set -euo pipefail
@@ -24,8 +24,9 @@ run_suite default
 run_suite asan
 run_suite tsan
 
-echo "=== formatting"
+echo "=== formatting and clang-tidy (with thread-safety analysis)"
 bash tools/check-format.sh
+bash tools/lint.sh
 
 if [ "${VANE_SKIP_QEMU:-0}" != 1 ]; then
   echo "=== kernel modules under qemu (x86_64)"

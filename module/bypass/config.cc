@@ -21,7 +21,7 @@ BYPASS_PKT_OFFSET_S bypass_pkt_offset;
 namespace vane {
 namespace {
 
-constinit kport_spinlock_t g_config_write_lock;
+constinit kport_spinlock_t g_config_write_lock{};
 // Even: stable; odd: a writer is copying.
 constinit u32 g_config_seq = 0;
 
