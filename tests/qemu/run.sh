@@ -39,9 +39,8 @@ x86_64)
 arm64)
     karch=arm64
     cc=aarch64-linux-gnu-gcc
-    akver=${kver%-amd64}-arm64
-    root=${VANE_ARM64_CACHE:-/var/cache/vane-arm64}/$akver/root
-    kimage=$root/boot/vmlinuz-$akver
+    root=${VANE_ARM64_CACHE:-/var/cache/vane-arm64}/current/root
+    kimage=$(ls "$root"/boot/vmlinuz-*)
     busybox=$root/bin/busybox
     qemu=(qemu-system-aarch64 -M virt -cpu cortex-a72)
     console=ttyAMA0

@@ -33,12 +33,13 @@ fi
 
 [ $want_arm64 = 1 ] || exit 0
 
-# The arm64 kernel must be the same Debian release as the host's amd64 one,
-# so that the harness boots the same kernel on both architectures.
+# The arm64 kernel is the Debian build of the host's amd64 kernel release,
+# so that the harness boots the same kernel on both architectures and the
+# host's kbuild tools match its headers. $ARM64_CACHE/current names it.
 kver=$("$(dirname "$0")/../../kport/linux/kver.sh")
-arm_kver=${kver%-amd64}-arm64
-dest=$ARM64_CACHE/$arm_kver
-if [ -f "$dest/.complete" ]; then
+want=${kver%-amd64}-arm64
+current=$ARM64_CACHE/current
+if [ -f "$current/.complete" ] && [ "$(readlink "$current")" = "$want" ]; then
     exit 0
 fi
 
@@ -49,12 +50,26 @@ if ! ls /var/lib/apt/lists/*binary-arm64_Packages* >/dev/null 2>&1; then
     apt-get update -qq
 fi
 
+arm_kver=$want
+if ! apt-cache show "linux-image-$arm_kver:arm64" >/dev/null 2>&1; then
+    # The archive has moved past the host's kernel: take its current arm64
+    # kernel, of the same series.
+    arm_kver=$(apt-cache show linux-headers-arm64:arm64 |
+        sed -n 's/^Depends: linux-headers-\([^ ,]*-arm64\).*/\1/p' | head -n 1)
+    [ -n "$arm_kver" ] || { echo "setup: no arm64 kernel in the archive" >&2; exit 1; }
+fi
+dest=$ARM64_CACHE/$arm_kver
+if [ -f "$dest/.complete" ]; then
+    ln -sfn "$arm_kver" "$current"
+    exit 0
+fi
+
 echo "setup: fetching the arm64 kernel $arm_kver into $dest"
 rm -rf "$dest"
 mkdir -p "$dest/debs" "$dest/root"
 # apt drops privileges to _apt for downloads; let it write here.
 id _apt >/dev/null 2>&1 && chown _apt "$dest/debs"
-common=linux-headers-${kver%-amd64}-common
+common=linux-headers-${arm_kver%-arm64}-common
 (cd "$dest/debs" &&
     apt-get download -qq "linux-image-$arm_kver:arm64" "linux-headers-$arm_kver:arm64" \
         "$common" busybox-static:arm64 >/dev/null)
@@ -76,3 +91,4 @@ sed -i "s|^include .*/$common/Makefile|include $src/$common/Makefile|" \
 rm -rf "$dest/root/lib/modules"
 rm -rf "$dest/debs"
 touch "$dest/.complete"
+ln -sfn "$arm_kver" "$current"
