@@ -38,6 +38,17 @@ class TextWriter {
     len_ += static_cast<u32>(n);
   }
 
+  // Appends bytes as they are, all or nothing, like one formatted piece.
+  void append_raw(const char* text, u32 n) {
+    if (truncated_ || n >= cap_ - len_) {
+      truncated_ = true;
+      return;
+    }
+    __builtin_memcpy(buf_ + len_, text, n);
+    len_ += n;
+    buf_[len_] = '\0';
+  }
+
   const char* c_str() const { return buf_; }
   u32 size() const { return len_; }
   bool truncated() const { return truncated_; }

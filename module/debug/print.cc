@@ -24,16 +24,26 @@ constexpr u32 kHgHdrLen = 16;
 
 bool tracing_packets() { return (load_relaxed(&g_ulDebugLevel) & BYPASS_DEBUG_LEVEL_PKT) != 0; }
 
+enum class HexStyle { kPacked, kSpaced };  // "%02x" or "%02x " per byte
+
 // Hex bytes with a break after every 32nd byte (up to and including byte
-// `last_break`) and a space after every other 4th byte.
-void append_hex(TextWriter& out, const u8* p, u32 n, const char* byte_fmt, u32 last_break) {
+// `last_break`) and a space after every other 4th byte. Digits are written
+// directly: a trace line costs one append, not one format per byte.
+void append_hex(TextWriter& out, const u8* p, u32 n, HexStyle style, u32 last_break) {
+  static constexpr char kDigits[] = "0123456789abcdef";
   for (u32 i = 1; i <= n; ++i) {
-    out.append(byte_fmt, p[i - 1]);
+    char piece[6];
+    u32 len = 0;
+    piece[len++] = kDigits[p[i - 1] >> 4];
+    piece[len++] = kDigits[p[i - 1] & 0x0F];
+    if (style == HexStyle::kSpaced) piece[len++] = ' ';
     if (i % 32 == 0 && i <= last_break) {
-      out.append("\r\n");
+      piece[len++] = '\r';
+      piece[len++] = '\n';
     } else if (i % 4 == 0) {
-      out.append(" ");
+      piece[len++] = ' ';
     }
+    out.append_raw(piece, len);
   }
 }
 
@@ -63,7 +73,8 @@ extern "C" void bypass_print_pkt(u8* pucPkt, u32 ulLen, u32 ulOffset, u32 ulSkip
   } else {
     const u32 n = ulLen - ulOffset;
     text.append("\r\nPaket Data Begin[len=%u]:\r\n", n);
-    append_hex(text, pucPkt + ulOffset, n < kPktDumpBytes ? n : kPktDumpBytes, "%02x", 32);
+    append_hex(text, pucPkt + ulOffset, n < kPktDumpBytes ? n : kPktDumpBytes, HexStyle::kPacked,
+               32);
   }
   bypass_debug_out(BYPASS_DEBUG_LEVEL_PKT, "%s", text.c_str());
 }
@@ -78,7 +89,7 @@ extern "C" void bypass_print_All(u8* pucData, u32 ulLen) {
   for (u32 row = 0; row < n; row += 32) {
     StackText<128> line;
     const u32 k = n - row < 32 ? n - row : 32;
-    append_hex(line, pucData + row, k, "%02x ", 32);
+    append_hex(line, pucData + row, k, HexStyle::kSpaced, 32);
     bypass_debug_out(BYPASS_DEBUG_LEVEL_PKT, "%s", line.c_str());
   }
   bypass_debug_out(BYPASS_DEBUG_LEVEL_PKT, "\r\nEnd");
@@ -92,7 +103,8 @@ extern "C" void bypass_print_pkt_data(u8* pucData, u32 ulLen) {
   {
     TextWriter text(buf, kLogDumpCap);
     text.append("\r\nlen=%u,data start:\r\n", ulLen);
-    append_hex(text, pucData, ulLen < kLogDumpBytes ? ulLen : kLogDumpBytes, "%02x", kLogDumpBytes);
+    append_hex(text, pucData, ulLen < kLogDumpBytes ? ulLen : kLogDumpBytes, HexStyle::kPacked,
+               kLogDumpBytes);
     text.append("\r\ndata end.\r\n");
     kport_printk(KPORT_LOGLEVEL_ALERT, "\r\n%s", text.c_str());
   }

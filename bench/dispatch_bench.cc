@@ -1,0 +1,95 @@
+// Dispatch decision cost per kind of traffic, and the debug trace's cost
+// when its level is off and on.
+#include <benchmark/benchmark.h>
+
+#include "drv_vane/config.h"
+#include "drv_vane/debug.h"
+#include "drv_vane/dispatch.h"
+#include "drv_vane/entry.h"
+#include "support/packet_builder.h"
+
+namespace vane::test {
+namespace {
+
+// Loads the module for one benchmark and installs a configuration with a
+// multi-core range 20..29, ECM interface 3 and dispatch on.
+class Loaded {
+ public:
+  Loaded() {
+    vane_entry_init();
+    BYPASS_PKT_OFFSET_S cfg{};
+    cfg.ulMultiCoreEthNumMin = 20;
+    cfg.ulMultiCoreEthNumMax = 29;
+    cfg.ulEcmEthNum = 3;
+    cfg.ulVpEthNumMin = 40;
+    cfg.ulVpEthNumMax = 49;
+    cfg.ulIsSupportMulticore = 1;
+    cfg.ulMacOffset = 0;
+    bypass_set_pktOffsetAndDebugFlag(5, reinterpret_cast<uint8_t*>(&cfg), sizeof(cfg));
+  }
+  ~Loaded() { vane_entry_exit(); }
+};
+
+Bytes EcmFrame(uint32_t eth) {
+  return PacketBuilder()
+      .prefix(0, 0, eth)
+      .ethernet(Mac("0a:0b:0b:00:00:01"), Mac("00:00:00:00:00:02"))
+      .vlan(1)
+      .ether_type(0x06A4)
+      .bytes({0x0A, 0x0B, 0x0C, 5})
+      .payload(100)
+      .build();
+}
+
+void Decide(benchmark::State& state, Bytes buf) {
+  for (auto _ : state) {
+    uint32_t count = 0;
+    uint8_t list[BYPASS_VCPU_LIST_MAX] = {};
+    bypass_msg_getVCpuId(buf.data(), static_cast<uint32_t>(buf.size()), &count, list);
+    benchmark::DoNotOptimize(count);
+  }
+}
+
+void BM_DecideEcm(benchmark::State& state) {
+  Loaded module;
+  Decide(state, EcmFrame(3));
+}
+BENCHMARK(BM_DecideEcm);
+
+void BM_DecideMultiCore(benchmark::State& state) {
+  Loaded module;
+  Decide(state, EcmFrame(25));
+}
+BENCHMARK(BM_DecideMultiCore);
+
+void BM_DecideOtherInterface(benchmark::State& state) {
+  Loaded module;
+  Decide(state, EcmFrame(99));
+}
+BENCHMARK(BM_DecideOtherInterface);
+
+void BM_DecideEcmWithTrace(benchmark::State& state) {
+  Loaded module;
+  Bytes buf = EcmFrame(3);
+  for (auto _ : state) {
+    // Keep the buffer from filling so every iteration formats and appends.
+    if (g_ulDebugLen > 16384) {
+      g_ulDebugLen = 0;
+    }
+    g_ulDebugLevel = BYPASS_DEBUG_LEVEL_PKT;
+    uint32_t count = 0;
+    uint8_t list[BYPASS_VCPU_LIST_MAX] = {};
+    bypass_msg_getVCpuId(buf.data(), static_cast<uint32_t>(buf.size()), &count, list);
+    benchmark::DoNotOptimize(count);
+  }
+}
+BENCHMARK(BM_DecideEcmWithTrace);
+
+void BM_DebugOutDisabled(benchmark::State& state) {
+  Loaded module;
+  for (auto _ : state) bypass_debug_out(BYPASS_DEBUG_LEVEL_PKT, "\r\nvcpu=%u", 5u);
+}
+BENCHMARK(BM_DebugOutDisabled);
+
+}  // namespace
+}  // namespace vane::test
