@@ -153,8 +153,11 @@ u32 parse_frame(ByteView pkt, u16 mac_off, BYPASS_PKT_INFO_S* info) {
   const ByteView frame = pkt.from(mac_off);
   info->usDataLength = static_cast<u16>(frame.size());
 
-  __builtin_memcpy(info->ucDstMac, frame.data(), kEthAddrLen);
-  __builtin_memcpy(info->ucSrcMac, frame.data() + kEthAddrLen, kEthAddrLen);
+  // Taken through at() so the compiler sees the bound at the copy itself.
+  const u8* macs = frame.at(0, 2 * kEthAddrLen);
+  if (macs == nullptr) return BYPASS_PARSE_ERR;
+  __builtin_memcpy(info->ucDstMac, macs, kEthAddrLen);
+  __builtin_memcpy(info->ucSrcMac, macs + kEthAddrLen, kEthAddrLen);
   info->ulBmpInfo |= kBmpMacs;
 
   // After the fourth tag whatever stands at the end of the walk is the
