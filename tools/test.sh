@@ -5,7 +5,8 @@
 #   2. the same suites under AddressSanitizer + UndefinedBehaviorSanitizer;
 #   3. the same suites under ThreadSanitizer;
 #   4. formatting and clang-tidy;
-#   5. the kernel modules in a real Linux kernel under qemu (x86_64).
+#   5. the kernel modules in a real Linux kernel under qemu, x86_64 and
+#      arm64 (cross-built).
 # Set VANE_SKIP_QEMU=1 to leave out step 5.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -29,7 +30,7 @@ bash tools/check-format.sh
 bash tools/lint.sh
 
 if [ "${VANE_SKIP_QEMU:-0}" != 1 ]; then
-  echo "=== kernel modules under qemu (x86_64)"
-  bash tests/qemu/setup.sh
+  echo "=== kernel modules under qemu"
   bash tests/qemu/run.sh x86_64
+  bash tests/qemu/run.sh arm64
 fi
