@@ -9,47 +9,31 @@
 
 namespace {
 
-// A destination of kMax usable bytes followed by guard bytes that no call
-// may touch.
-class Dest {
- public:
-  static constexpr size_t kMax = 8;
-  Dest() { std::memset(bytes_, '#', sizeof(bytes_)); }
-  char* get() { return bytes_; }
-  std::string usable() const { return std::string(bytes_, kMax); }
-  bool guard_intact() const {
-    for (size_t i = kMax; i < sizeof(bytes_); ++i) {
-      if (bytes_[i] != '#') return false;
-    }
-    return true;
-  }
+constexpr size_t kMax = 8;
 
- private:
-  char bytes_[kMax + 8];
+// kMax usable bytes followed by guard bytes that no call may touch.
+struct Dest {
+  Dest() { std::memset(bytes, '#', sizeof(bytes)); }
+  std::string usable() const { return std::string(bytes, kMax); }
+  bool guard_intact() const { return std::string(bytes + kMax, 8) == std::string(8, '#'); }
+  char bytes[kMax + 8];
 };
 
-const std::string kZeros(Dest::kMax, '\0');
+const std::string kZeros(kMax, '\0');
 
-TEST(MemcpyS, CopiesWithinBounds) {
+TEST(MemcpyS, CopiesOrResetsTheDestination) {
   Dest d;
-  EXPECT_EQ(memcpy_s(d.get(), Dest::kMax, "abcdefgh", 8), BND_OK);
+  EXPECT_EQ(memcpy_s(d.bytes, kMax, "abcdefgh", 8), BND_OK);
+  EXPECT_EQ(memcpy_s(d.bytes, kMax, "xy", 0), BND_OK) << "count 0 writes nothing";
   EXPECT_EQ(d.usable(), "abcdefgh");
-  EXPECT_EQ(memcpy_s(d.get(), Dest::kMax, "xy", 0), BND_OK);
-  EXPECT_EQ(d.usable(), "abcdefgh") << "count 0 writes nothing";
-  EXPECT_TRUE(d.guard_intact());
-}
 
-TEST(MemcpyS, FailuresResetTheDestinationAndStayInBounds) {
-  Dest d;
-  EXPECT_EQ(memcpy_s(d.get(), Dest::kMax, "123456789", 9), BND_ERANGE_AND_RESET);
+  EXPECT_EQ(memcpy_s(d.bytes, kMax, "123456789", 9), BND_ERANGE_AND_RESET);
   EXPECT_EQ(d.usable(), kZeros);
-
-  std::memset(d.get(), 'q', Dest::kMax);
-  EXPECT_EQ(memcpy_s(d.get(), Dest::kMax, nullptr, 4), BND_EINVAL_AND_RESET);
+  std::memcpy(d.bytes, "abcdefgh", 8);
+  EXPECT_EQ(memcpy_s(d.bytes, kMax, nullptr, 4), BND_EINVAL_AND_RESET);
   EXPECT_EQ(d.usable(), kZeros);
-
-  std::memcpy(d.get(), "abcdefgh", 8);
-  EXPECT_EQ(memcpy_s(d.get(), Dest::kMax, d.get() + 2, 4), BND_EOVERLAP_AND_RESET);
+  std::memcpy(d.bytes, "abcdefgh", 8);
+  EXPECT_EQ(memcpy_s(d.bytes, kMax, d.bytes + 2, 4), BND_EOVERLAP_AND_RESET);
   EXPECT_EQ(d.usable(), kZeros);
   EXPECT_TRUE(d.guard_intact());
 }
@@ -58,53 +42,48 @@ TEST(MemcpyS, UnusableDestinationIsNotTouched) {
   Dest d;
   EXPECT_EQ(memcpy_s(nullptr, 8, "ab", 2), BND_EINVAL);
   // A negative length converted to size_t.
-  EXPECT_EQ(memcpy_s(d.get(), static_cast<size_t>(-1), "ab", 2), BND_EINVAL);
-  EXPECT_EQ(d.usable(), std::string(Dest::kMax, '#'));
+  EXPECT_EQ(memcpy_s(d.bytes, static_cast<size_t>(-1), "ab", 2), BND_EINVAL);
+  EXPECT_EQ(memset_s(d.bytes, static_cast<size_t>(-1), 0, 2), BND_EINVAL);
+  EXPECT_EQ(d.usable(), std::string(kMax, '#'));
 }
 
-TEST(MemsetS, FillsOrFillsWholeDestinationOnOverflow) {
+TEST(MemsetS, FillsTheWholeDestinationOnOverflow) {
   Dest d;
-  EXPECT_EQ(memset_s(d.get(), Dest::kMax, 'a', 3), BND_OK);
+  EXPECT_EQ(memset_s(d.bytes, kMax, 'a', 3), BND_OK);
   EXPECT_EQ(d.usable(), "aaa#####");
-  EXPECT_EQ(memset_s(d.get(), Dest::kMax, 'b', 100), BND_ERANGE_AND_RESET);
-  EXPECT_EQ(d.usable(), std::string(Dest::kMax, 'b'));
+  EXPECT_EQ(memset_s(d.bytes, kMax, 'b', 100), BND_ERANGE_AND_RESET);
+  EXPECT_EQ(d.usable(), std::string(kMax, 'b'));
   EXPECT_TRUE(d.guard_intact());
-  EXPECT_EQ(memset_s(nullptr, 8, 0, 1), BND_EINVAL);
 }
 
 TEST(SprintfS, TruncationIsAnErrorThatLeavesEmptyString) {
   Dest d;
-  EXPECT_EQ(sprintf_s(d.get(), Dest::kMax, "%s-%d", "ab", 42), 5);
-  EXPECT_STREQ(d.get(), "ab-42");
-  EXPECT_EQ(sprintf_s(d.get(), Dest::kMax, "%s", "1234567"), 7) << "terminator fits exactly";
-  EXPECT_EQ(sprintf_s(d.get(), Dest::kMax, "%s", "12345678"), -1);
-  EXPECT_STREQ(d.get(), "");
+  EXPECT_EQ(sprintf_s(d.bytes, kMax, "%s-%d", "ab", 42), 5);
+  EXPECT_STREQ(d.bytes, "ab-42");
+  EXPECT_EQ(sprintf_s(d.bytes, kMax, "%s", "1234567"), 7) << "terminator fits exactly";
+  EXPECT_EQ(sprintf_s(d.bytes, kMax, "%s", "12345678"), -1);
+  EXPECT_STREQ(d.bytes, "");
   EXPECT_TRUE(d.guard_intact());
-}
 
-TEST(SprintfS, BadArguments) {
-  Dest d;
-  std::memcpy(d.get(), "stale", 6);
+  std::memcpy(d.bytes, "stale", 6);
   const char* no_format = nullptr;
-  EXPECT_EQ(sprintf_s(d.get(), Dest::kMax, no_format), -1);
-  EXPECT_STREQ(d.get(), "") << "a usable destination is emptied";
-  EXPECT_EQ(sprintf_s(nullptr, 8, "x"), -1);
-  std::memcpy(d.get(), "stale", 6);
-  EXPECT_EQ(sprintf_s(d.get(), 0, "x"), -1);
-  EXPECT_STREQ(d.get(), "stale") << "destMax 0 gives nothing to write to";
+  EXPECT_EQ(sprintf_s(d.bytes, kMax, no_format), -1);
+  EXPECT_STREQ(d.bytes, "") << "a usable destination is emptied";
+  std::memcpy(d.bytes, "stale", 6);
+  EXPECT_EQ(sprintf_s(d.bytes, 0, "x"), -1);
+  EXPECT_STREQ(d.bytes, "stale") << "destMax 0 gives nothing to write to";
 }
 
 TEST(SnprintfS, CutsAtCountOrDestMaxAndKeepsTheText) {
   Dest d;
-  EXPECT_EQ(snprintf_s(d.get(), Dest::kMax, 3, "%s", "abcdef"), -1);
-  EXPECT_STREQ(d.get(), "abc");
-  EXPECT_EQ(snprintf_s(d.get(), Dest::kMax, 100, "%s", "abcdefghij"), -1);
-  EXPECT_STREQ(d.get(), "abcdefg");
+  EXPECT_EQ(snprintf_s(d.bytes, kMax, 3, "%s", "abcdef"), -1);
+  EXPECT_STREQ(d.bytes, "abc");
+  EXPECT_EQ(snprintf_s(d.bytes, kMax, 100, "%s", "abcdefghij"), -1);
+  EXPECT_STREQ(d.bytes, "abcdefg");
   EXPECT_TRUE(d.guard_intact());
-  EXPECT_EQ(snprintf_s(d.get(), Dest::kMax, 6, "%d", 12345), 5);
-  EXPECT_STREQ(d.get(), "12345");
-  EXPECT_EQ(snprintf_s(d.get(), Dest::kMax, 0, "%s", ""), 0);
-  EXPECT_EQ(snprintf_s(d.get(), 0, 4, "x"), -1);
+  EXPECT_EQ(snprintf_s(d.bytes, kMax, 6, "%d", 12345), 5);
+  EXPECT_STREQ(d.bytes, "12345");
+  EXPECT_EQ(snprintf_s(d.bytes, 0, 4, "x"), -1);
 }
 
 }  // namespace

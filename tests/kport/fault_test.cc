@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "kport/errno.h"
 #include "kport/mem.h"
@@ -27,15 +28,15 @@ class FaultTest : public ::testing::Test {
 
 TEST_F(FaultTest, NthCallFailsOnceAndIsCounted) {
   fault::FailNth(Site::kAlloc, 3);
-  void* p[4];
-  for (void*& q : p) q = kport_kmalloc_atomic(8);
-  EXPECT_NE(p[0], nullptr);
-  EXPECT_NE(p[1], nullptr);
-  EXPECT_EQ(p[2], nullptr);
-  EXPECT_NE(p[3], nullptr);
+  std::vector<bool> failed;
+  for (int i = 0; i < 4; ++i) {
+    void* p = kport_kmalloc_atomic(8);
+    failed.push_back(p == nullptr);
+    kport_kfree(p);
+  }
+  EXPECT_EQ(failed, (std::vector<bool>{false, false, true, false}));
   EXPECT_EQ(fault::Calls(Site::kAlloc), 4u);
   EXPECT_EQ(fault::Injected(Site::kAlloc), 1u);
-  for (void* q : p) kport_kfree(q);
 
   fault::ResetCounts(Site::kAlloc);
   EXPECT_EQ(fault::Calls(Site::kAlloc), 0u);
@@ -84,13 +85,15 @@ TEST_F(FaultTest, FailedCopiesReportEveryByteUncopied) {
   EXPECT_EQ(fault::Injected(Site::kCopyToUser), 1u);
 }
 
+// The fixtures elsewhere check that counts return to where they were; this
+// checks that there is something to count.
 TEST(LiveAllocations, CountsEveryLiveObjectHandedToTheModule) {
   const size_t before = LiveAllocations();
   void* mem = kport_kzalloc_atomic(32);
   EXPECT_EQ(std::memcmp(mem, std::string(32, '\0').data(), 32), 0);
   sk_buff* skb = kport_alloc_skb(64);
   sock* sk = kport_netlink_kernel_create(32, nullptr);
-  proc_dir_entry* dir = kport_proc_mkdir("kplive", nullptr);
+  kport_proc_mkdir("kplive", nullptr);
   kport_class* cls = kport_class_create("kplive");
   EXPECT_EQ(LiveAllocations(), before + 5);
 
@@ -99,10 +102,7 @@ TEST(LiveAllocations, CountsEveryLiveObjectHandedToTheModule) {
   kport_netlink_kernel_release(sk);
   kport_remove_proc_entry("kplive", nullptr);
   kport_class_destroy(cls);
-  kport_kfree(nullptr);
-  kport_kfree_skb(nullptr);
   EXPECT_EQ(LiveAllocations(), before);
-  (void)dir;
 }
 
 }  // namespace

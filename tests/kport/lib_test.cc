@@ -1,14 +1,8 @@
-// Library routines: simple_strtol, simple_read_from_buffer, the formatter,
-// and the captured kernel log.
+// simple_strtol and the captured kernel log.
 #include <gtest/gtest.h>
 
-#include <cstdarg>
-#include <string>
-
-#include "kport/errno.h"
 #include "kport/lib.h"
 #include "kport/printk.h"
-#include "kport/procfs.h"
 #include "kport/user/testing.h"
 
 namespace {
@@ -29,42 +23,16 @@ TEST_P(SimpleStrtol, ParsesLikeTheKernel) {
   EXPECT_EQ(static_cast<size_t>(end - c.text), c.used);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Cases, SimpleStrtol,
-    ::testing::Values(StrtolCase{"0x10", 0, 16, 4}, StrtolCase{"0X1f", 0, 31, 4},
-                      StrtolCase{"010", 0, 8, 3}, StrtolCase{"0", 0, 0, 1},
-                      StrtolCase{"19", 0, 19, 2}, StrtolCase{"-5", 10, -5, 2},
-                      StrtolCase{"-0x10", 0, -16, 5}, StrtolCase{" 5", 10, 0, 0},
-                      StrtolCase{"abc", 10, 0, 0}, StrtolCase{"12abc", 10, 12, 2},
-                      StrtolCase{"ff", 16, 255, 2}, StrtolCase{"0xff", 16, 255, 4},
-                      StrtolCase{"0xg", 0, 0, 1},  // no hex digit: octal "0"
-                      StrtolCase{"089", 0, 0, 1}, StrtolCase{"-", 10, 0, 1}));
-
-TEST(SimpleReadFromBuffer, ClampsToWhatIsLeft) {
-  const char data[] = "0123456789";
-  char buf[8];
-  kport_loff_t pos = 6;
-  EXPECT_EQ(kport_simple_read_from_buffer(buf, sizeof(buf), &pos, data, 10), 4);
-  EXPECT_EQ(std::string(buf, 4), "6789");
-  EXPECT_EQ(pos, 10);
-  EXPECT_EQ(kport_simple_read_from_buffer(buf, sizeof(buf), &pos, data, 10), 0);
-  pos = -1;
-  EXPECT_EQ(kport_simple_read_from_buffer(buf, sizeof(buf), &pos, data, 10), -KPORT_EINVAL);
-}
-
-int Format(char* buf, size_t size, const char* fmt, ...) {
-  va_list ap;
-  va_start(ap, fmt);
-  const int n = kport_vsnprintf(buf, size, fmt, ap);
-  va_end(ap);
-  return n;
-}
-
-TEST(Vsnprintf, ReportsFullLengthAndTruncates) {
-  char buf[4];
-  EXPECT_EQ(Format(buf, sizeof(buf), "%d-%s", 12, "abc"), 6);
-  EXPECT_STREQ(buf, "12-");
-}
+INSTANTIATE_TEST_SUITE_P(Cases, SimpleStrtol,
+                         ::testing::Values(StrtolCase{"0x10", 0, 16, 4},
+                                           StrtolCase{"0X1f", 0, 31, 4}, StrtolCase{"010", 0, 8, 3},
+                                           StrtolCase{"19", 0, 19, 2}, StrtolCase{"-5", 10, -5, 2},
+                                           StrtolCase{"-0x10", 0, -16, 5},
+                                           StrtolCase{" 5", 10, 0, 0}, StrtolCase{"abc", 10, 0, 0},
+                                           StrtolCase{"12abc", 10, 12, 2},
+                                           StrtolCase{"0xff", 16, 255, 4},
+                                           StrtolCase{"0xg", 0, 0, 1},  // no hex digit: octal "0"
+                                           StrtolCase{"089", 0, 0, 1}, StrtolCase{"-", 10, 0, 1}));
 
 TEST(Klog, KeepsEachLineAsFormattedWithItsLevel) {
   namespace klog = kport::user::klog;

@@ -27,7 +27,8 @@ struct Probe {
   unsigned long rearm_delay = 0;
 };
 
-std::vector<std::pair<int, unsigned long>> g_fired;
+using Fired = std::vector<std::pair<int, unsigned long>>;  // (id, jiffies)
+Fired g_fired;
 
 void Record(kport_timer_t* t) {
   auto* p = reinterpret_cast<Probe*>(t);
@@ -67,9 +68,7 @@ TEST_F(ManualClockTest, FiresDueTimersInExpiryOrderAtTheirTick) {
   clk::Advance(1);
   EXPECT_TRUE(g_fired.empty());
   clk::Advance(9);
-  const std::vector<std::pair<int, unsigned long>> expected = {
-      {2, t0 + 2}, {3, t0 + 2}, {1, t0 + 5}};
-  EXPECT_EQ(g_fired, expected);
+  EXPECT_EQ(g_fired, (Fired{{2, t0 + 2}, {3, t0 + 2}, {1, t0 + 5}}));
   EXPECT_EQ(kport_jiffies(), t0 + 10);
 }
 
@@ -78,8 +77,7 @@ TEST_F(ManualClockTest, OrderHoldsAcrossTheCounterWrap) {
   kport_timer_add(&Make(1)->timer, 2);  // three ticks after the wrap
   kport_timer_add(&Make(2)->timer, ULONG_MAX);
   clk::Advance(4);
-  const std::vector<std::pair<int, unsigned long>> expected = {{2, ULONG_MAX}, {1, 2}};
-  EXPECT_EQ(g_fired, expected);
+  EXPECT_EQ(g_fired, (Fired{{2, ULONG_MAX}, {1, 2}}));
 }
 
 TEST_F(ManualClockTest, CallbackMayRearmItself) {
@@ -89,9 +87,7 @@ TEST_F(ManualClockTest, CallbackMayRearmItself) {
   const unsigned long t0 = kport_jiffies();
   kport_timer_add(&p->timer, t0 + 1);
   clk::Advance(20);
-  const std::vector<std::pair<int, unsigned long>> expected = {
-      {1, t0 + 1}, {1, t0 + 4}, {1, t0 + 7}};
-  EXPECT_EQ(g_fired, expected);
+  EXPECT_EQ(g_fired, (Fired{{1, t0 + 1}, {1, t0 + 4}, {1, t0 + 7}}));
 }
 
 TEST_F(ManualClockTest, RearmForNowFiresAtTheNextTickNotInALoop) {
@@ -101,9 +97,7 @@ TEST_F(ManualClockTest, RearmForNowFiresAtTheNextTickNotInALoop) {
   const unsigned long t0 = kport_jiffies();
   kport_timer_add(&p->timer, t0);  // already due
   clk::Advance(3);
-  const std::vector<std::pair<int, unsigned long>> expected = {
-      {1, t0 + 1}, {1, t0 + 2}, {1, t0 + 3}};
-  EXPECT_EQ(g_fired, expected);
+  EXPECT_EQ(g_fired, (Fired{{1, t0 + 1}, {1, t0 + 2}, {1, t0 + 3}}));
   EXPECT_EQ(kport_timer_del_sync(&p->timer), 1);
 }
 
