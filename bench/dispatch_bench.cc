@@ -6,7 +6,7 @@
 #include "drv_vane/debug.h"
 #include "drv_vane/dispatch.h"
 #include "drv_vane/entry.h"
-#include "support/packet_builder.h"
+#include "support/frames.h"
 
 namespace vane::test {
 namespace {
@@ -30,17 +30,6 @@ class Loaded {
   ~Loaded() { vane_entry_exit(); }
 };
 
-Bytes EcmFrame(uint32_t eth) {
-  return PacketBuilder()
-      .prefix(0, 0, eth)
-      .ethernet(Mac("0a:0b:0b:00:00:01"), Mac("00:00:00:00:00:02"))
-      .vlan(1)
-      .ether_type(0x06A4)
-      .bytes({0x0A, 0x0B, 0x0C, 5})
-      .payload(100)
-      .build();
-}
-
 void Decide(benchmark::State& state, Bytes buf) {
   for (auto _ : state) {
     uint32_t count = 0;
@@ -52,25 +41,25 @@ void Decide(benchmark::State& state, Bytes buf) {
 
 void BM_DecideEcm(benchmark::State& state) {
   Loaded module;
-  Decide(state, EcmFrame(3));
+  Decide(state, EcmFrame(3, 5));
 }
 BENCHMARK(BM_DecideEcm);
 
 void BM_DecideMultiCore(benchmark::State& state) {
   Loaded module;
-  Decide(state, EcmFrame(25));
+  Decide(state, EcmFrame(25, 5));
 }
 BENCHMARK(BM_DecideMultiCore);
 
 void BM_DecideOtherInterface(benchmark::State& state) {
   Loaded module;
-  Decide(state, EcmFrame(99));
+  Decide(state, EcmFrame(99, 5));
 }
 BENCHMARK(BM_DecideOtherInterface);
 
 void BM_DecideEcmWithTrace(benchmark::State& state) {
   Loaded module;
-  Bytes buf = EcmFrame(3);
+  Bytes buf = EcmFrame(3, 5);
   for (auto _ : state) {
     // Keep the buffer from filling so every iteration formats and appends.
     if (g_ulDebugLen > 16384) {

@@ -10,6 +10,7 @@
 #include "drv_vane/dispatch.h"
 #include "kport/printk.h"
 #include "kport/user/testing.h"
+#include "support/frames.h"
 #include "support/module_env.h"
 #include "support/packet_builder.h"
 
@@ -45,17 +46,9 @@ class DispatchTest : public ModuleTest {
     return {count, list};
   }
 
-  // An ECM frame for vCPU `vcpu` received on interface `eth`.
   static Bytes Ecm(uint32_t eth, uint8_t vcpu, const char* dst = "0a:0b:0b:00:00:01",
                    uint16_t type = 0x06A4, uint8_t inner2 = 0x0C) {
-    return PacketBuilder()
-        .prefix(0, 0, eth)
-        .ethernet(Mac(dst), Mac("00:00:00:00:00:02"))
-        .vlan(1)
-        .ether_type(type)
-        .bytes({0x0A, 0x0B, inner2, vcpu})
-        .payload(30)
-        .build();
+    return EcmFrame(eth, vcpu, {.dst = dst, .ether_type = type, .inner2 = inner2});
   }
 
   BYPASS_PKT_OFFSET_S cfg_{};

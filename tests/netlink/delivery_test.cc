@@ -9,6 +9,7 @@
 #include "drv_vane/config.h"
 #include "drv_vane/netlink.h"
 #include "kport/user/testing.h"
+#include "support/frames.h"
 #include "support/module_env.h"
 #include "support/packet_builder.h"
 
@@ -179,14 +180,7 @@ TEST_F(DeliveryTest, DispatchSwitchSelectsBetweenVcpuAndDefaultReceiver) {
   cfg.ulEcmEthNum = 3;
   cfg.ulVpEthNumMin = 10;
   cfg.ulVpEthNumMax = 9;
-  const Bytes ecm = PacketBuilder()
-                        .prefix(1, 0, 3)
-                        .ethernet(Mac("0a:0b:0b:00:00:01"), Mac("00:00:00:00:00:02"))
-                        .vlan(1)
-                        .ether_type(0x06A4)
-                        .bytes({0x0A, 0x0B, 0x0C, 5})
-                        .payload(20)
-                        .build();
+  const Bytes ecm = EcmFrame(3, 5, {.word0 = 1});
 
   // Dispatch off (load-time state): the default receiver gets it.
   EXPECT_GT(Send(1, ecm), 0);

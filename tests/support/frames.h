@@ -1,0 +1,26 @@
+// Frames of the board's own kinds that several suites send.
+#ifndef VANE_TESTS_SUPPORT_FRAMES_H
+#define VANE_TESTS_SUPPORT_FRAMES_H
+
+#include <cstdint>
+
+#include "support/packet_builder.h"
+
+namespace vane::test {
+
+struct EcmFrameOptions {
+  uint32_t word0 = 0;                     // delivery prefix word 0
+  const char* dst = "0a:0b:0b:00:00:01";  // outer destination MAC
+  uint16_t ether_type = 0x06A4;           // behind the one VLAN tag
+  uint8_t inner2 = 0x0C;                  // third byte of the inner MAC prefix
+  size_t payload = 30;                    // bytes after the vCPU byte
+};
+
+// An internal ECM frame received on `eth_num`: outer Ethernet header, one
+// VLAN tag, EtherType 0x06A4, then the inner MAC prefix 0A:0B:0C and the
+// vCPU byte (packet byte 21).
+Bytes EcmFrame(uint32_t eth_num, uint8_t vcpu, const EcmFrameOptions& opt = {});
+
+}  // namespace vane::test
+
+#endif  // VANE_TESTS_SUPPORT_FRAMES_H
