@@ -11,8 +11,8 @@ namespace vane {
 void debug_out_reset();
 int debug_buffer_create();
 void debug_buffer_destroy();
-// Empties the text area and sets the level (the debug proc file's write).
-void debug_buffer_clear_and_set_level(u32 level);
+// Empties the text area (the debug proc file's write).
+void debug_buffer_clear();
 
 // Packet counters.
 void counters_reset();

@@ -73,12 +73,11 @@ void debug_buffer_destroy() {
   kport_kfree(buf);
 }
 
-void debug_buffer_clear_and_set_level(u32 level) {
+void debug_buffer_clear() {
   char* buf = load_acquire(&g_pstDebug);
   if (buf == nullptr) return;
   __builtin_memset(buf, 0, BYPASS_DEBUG_BUF_TEXT);
-  store_relaxed(&g_ulDebugLen, 0);
-  store_release(&g_ulDebugLevel, level);
+  store_release(&g_ulDebugLen, 0);
 }
 
 }  // namespace vane

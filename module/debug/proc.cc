@@ -117,7 +117,7 @@ extern "C" ssize_t bypass_proc_write_debugLevel(struct file* file, const char* u
   if (count < sizeof(level)) return -KPORT_EINVAL;
   // The text is cleared before the copy, as operators expect a write to
   // empty the buffer even when the new level cannot be read.
-  vane::debug_buffer_clear_and_set_level(vane::load_relaxed(&g_ulDebugLevel));
+  vane::debug_buffer_clear();
   if (kport_copy_from_user(&level, ubuf, sizeof(level)) != 0) {
     kport_printk(KPORT_LOGLEVEL_ALERT, "%s", vane::kCopyFromUserFailed);
     return -1;
