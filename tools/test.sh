@@ -13,12 +13,22 @@ cd "$(dirname "$0")/.."
 
 bash tools/setup-deps.sh
 
+summary=$(mktemp)
+trap 'rm -f "$summary"' EXIT
+
+# Keeps each runner's "N passed, M failed" for the closing total.
+tally() {
+  tee /dev/stderr | sed -nE \
+    -e 's/^[0-9]+% tests passed, ([0-9]+) tests failed out of ([0-9]+)$/\2 \1/p' \
+    -e 's/^[a-z0-9_]+: ([0-9]+) passed, ([0-9]+) failed.*$/\1 \2 qemu/p' >>"$summary"
+}
+
 run_suite() {
   local preset=$1
   echo "=== build and test: $preset"
   cmake --preset "$preset" >/dev/null
   cmake --build --preset "$preset"
-  ctest --preset "$preset"
+  ctest --preset "$preset" 2>&1 | tally
 }
 
 run_suite default
@@ -31,6 +41,10 @@ bash tools/lint.sh
 
 if [ "${VANE_SKIP_QEMU:-0}" != 1 ]; then
   echo "=== kernel modules under qemu"
-  bash tests/qemu/run.sh x86_64
-  bash tests/qemu/run.sh arm64
+  bash tests/qemu/run.sh x86_64 2>&1 | tally
+  bash tests/qemu/run.sh arm64 2>&1 | tally
 fi
+
+# ctest lines hold "total failed"; qemu lines "passed failed qemu".
+awk '{ if ($3 == "qemu") { p += $1; f += $2 } else { p += $1 - $2; f += $2 } }
+     END { printf "all suites: %d passed, %d failed\n", p, f }' "$summary"
