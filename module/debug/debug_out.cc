@@ -3,7 +3,9 @@
 // Context: every context of the module, concurrently, without a lock. Each
 // call formats into a stack buffer first and then reserves its range of the
 // buffer with one compare-and-swap on the fill length, so concurrent texts
-// never overlap and the length never passes the text area.
+// never overlap and the length never passes the text area. A reader of the
+// text (the debug proc file) copies it as it stands: a snapshot that may end
+// in a text still being written.
 #include "base/atomic.h"
 #include "debug/debug_internal.h"
 #include "drv_vane/debug.h"
