@@ -13,15 +13,11 @@ cd "$(dirname "$0")/.."
 
 bash tools/setup-deps.sh
 
-summary=$(mktemp)
-trap 'rm -f "$summary"' EXIT
+runner_log=$(mktemp)
+trap 'rm -f "$runner_log"' EXIT
 
-# Keeps each runner's "N passed, M failed" for the closing total.
-tally() {
-  tee /dev/stderr | sed -nE \
-    -e 's/^[0-9]+% tests passed, ([0-9]+) tests failed out of ([0-9]+)$/\2 \1/p' \
-    -e 's/^[a-z0-9_]+: ([0-9]+) passed, ([0-9]+) failed.*$/\1 \2 qemu/p' >>"$summary"
-}
+# Passes a runner's output through and keeps a copy for the closing total.
+tally() { tee -a "$runner_log"; }
 
 run_suite() {
   local preset=$1
@@ -45,6 +41,10 @@ if [ "${VANE_SKIP_QEMU:-0}" != 1 ]; then
   bash tests/qemu/run.sh arm64 2>&1 | tally
 fi
 
-# ctest lines hold "total failed"; qemu lines "passed failed qemu".
-awk '{ if ($3 == "qemu") { p += $1; f += $2 } else { p += $1 - $2; f += $2 } }
-     END { printf "all suites: %d passed, %d failed\n", p, f }' "$summary"
+# Every runner's "N passed, M failed", added up: ctest says "...failed out of
+# TOTAL", the qemu runs "<arch>: PASSED passed, FAILED failed".
+sed -nE \
+  -e 's/^[0-9]+% tests passed, ([0-9]+) tests failed out of ([0-9]+)$/\2 \1 ctest/p' \
+  -e 's/^[a-z0-9_]+: ([0-9]+) passed, ([0-9]+) failed.*$/\1 \2 qemu/p' "$runner_log" |
+  awk '{ if ($3 == "qemu") { p += $1; f += $2 } else { p += $1 - $2; f += $2 } }
+       END { printf "all suites: %d passed, %d failed\n", p, f }'
