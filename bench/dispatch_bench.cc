@@ -11,20 +11,12 @@
 namespace vane::test {
 namespace {
 
-// Loads the module for one benchmark and installs a configuration with a
-// multi-core range 20..29, ECM interface 3 and dispatch on.
+// Loads the module for one benchmark with the suites' usual configuration.
 class Loaded {
  public:
   Loaded() {
     vane_entry_init();
-    BYPASS_PKT_OFFSET_S cfg{};
-    cfg.ulMultiCoreEthNumMin = 20;
-    cfg.ulMultiCoreEthNumMax = 29;
-    cfg.ulEcmEthNum = 3;
-    cfg.ulVpEthNumMin = 40;
-    cfg.ulVpEthNumMax = 49;
-    cfg.ulIsSupportMulticore = 1;
-    cfg.ulMacOffset = 0;
+    BYPASS_PKT_OFFSET_S cfg = TestRanges();
     bypass_set_pktOffsetAndDebugFlag(5, reinterpret_cast<uint8_t*>(&cfg), sizeof(cfg));
   }
   ~Loaded() { vane_entry_exit(); }

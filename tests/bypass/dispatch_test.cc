@@ -25,12 +25,7 @@ class DispatchTest : public ModuleTest {
  protected:
   void SetUp() override {
     ModuleTest::SetUp();
-    cfg_.ulMultiCoreEthNumMin = 20;
-    cfg_.ulMultiCoreEthNumMax = 29;
-    cfg_.ulEcmEthNum = kEcmEth;
-    cfg_.ulVpEthNumMin = 40;
-    cfg_.ulVpEthNumMax = 49;
-    cfg_.ulIsSupportMulticore = 1;
+    cfg_ = TestRanges();
     Apply();
   }
   void Apply() { bypass_set_pktOffsetAndDebugFlag(5, reinterpret_cast<uint8_t*>(&cfg_), 88); }

@@ -30,13 +30,7 @@ TEST_F(ConcurrencyTest, PacketsControlMessagesAndReadersTogether) {
   Worker vcpu5(8005, /*queue_limit=*/1u << 20);
   ASSERT_EQ(def.Register(kNormal, 0), 0);
   ASSERT_EQ(vcpu5.Register(kNormal, 5), 0);
-  BYPASS_PKT_OFFSET_S cfg{};
-  cfg.ulMultiCoreEthNumMin = 20;
-  cfg.ulMultiCoreEthNumMax = 29;
-  cfg.ulEcmEthNum = 3;
-  cfg.ulVpEthNumMin = 40;
-  cfg.ulVpEthNumMax = 49;
-  cfg.ulIsSupportMulticore = 1;
+  const BYPASS_PKT_OFFSET_S cfg = TestRanges();
   ASSERT_EQ(def.Configure(cfg), 0);
   SetDebugLevel(BYPASS_DEBUG_LEVEL_ERR | BYPASS_DEBUG_LEVEL_PKT);
 

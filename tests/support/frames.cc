@@ -13,4 +13,15 @@ Bytes EcmFrame(uint32_t eth_num, uint8_t vcpu, const EcmFrameOptions& opt) {
       .build();
 }
 
+BYPASS_PKT_OFFSET_S TestRanges() {
+  BYPASS_PKT_OFFSET_S cfg{};
+  cfg.ulMultiCoreEthNumMin = 20;
+  cfg.ulMultiCoreEthNumMax = 29;
+  cfg.ulEcmEthNum = 3;
+  cfg.ulVpEthNumMin = 40;
+  cfg.ulVpEthNumMax = 49;
+  cfg.ulIsSupportMulticore = 1;
+  return cfg;
+}
+
 }  // namespace vane::test

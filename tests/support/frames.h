@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "drv_vane/config.h"
 #include "support/packet_builder.h"
 
 namespace vane::test {
@@ -20,6 +21,10 @@ struct EcmFrameOptions {
 // VLAN tag, EtherType 0x06A4, then the inner MAC prefix 0A:0B:0C and the
 // vCPU byte (packet byte 21).
 Bytes EcmFrame(uint32_t eth_num, uint8_t vcpu, const EcmFrameOptions& opt = {});
+
+// The suites' usual configuration: dispatch on, multi-core interfaces
+// 20..29, ECM interface 3, VP interfaces 40..49, Ethernet header at 0.
+BYPASS_PKT_OFFSET_S TestRanges();
 
 }  // namespace vane::test
 
