@@ -32,14 +32,7 @@ proc_dir_entry* Create(const char* name, proc_dir_entry* parent, NodeKind kind, 
   if (internal::ShouldFail(fault::Site::kAlloc)) return nullptr;
   auto* pde = new proc_dir_entry(kind, PathIn(parent, name), mode, parent);
   pde->ops = ops;
-  if (!internal::Register(pde)) {
-    kport_printk(KPORT_LOGLEVEL_WARNING, "proc_dir_entry '%s' already registered\n",
-                 pde->path.c_str());
-    delete pde;
-    return nullptr;
-  }
-  internal::CountAlloc();
-  return pde;
+  return internal::Adopt(pde, KPORT_LOGLEVEL_WARNING, "proc_dir_entry '%s' already registered\n");
 }
 
 // One open file: its handlers see a user buffer of exactly `count` bytes.

@@ -19,17 +19,11 @@ using internal::NodeKind;
 constexpr uint16_t kDirMode = 0755;
 constexpr long kE2BIG = 7;
 
-// Adds a node made by `make` after the kernel's checks; nullptr on failure.
+// Adds a node after the kernel's checks; nullptr when its path is taken.
 template <typename T>
 T* Add(T* node) {
-  if (!internal::Register(node)) {
-    kport_printk(KPORT_LOGLEVEL_ERR, "sysfs: cannot create duplicate filename '%s'\n",
-                 node->path.c_str());
-    delete node;
-    return nullptr;
-  }
-  internal::CountAlloc();
-  return node;
+  return internal::Adopt(node, KPORT_LOGLEVEL_ERR,
+                         "sysfs: cannot create duplicate filename '%s'\n");
 }
 
 void Destroy(Node* node) {

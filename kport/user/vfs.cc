@@ -6,6 +6,7 @@
 #include <mutex>
 
 #include "internal.h"
+#include "kport/printk.h"
 #include "vfs_internal.h"
 
 namespace kport::user {
@@ -31,6 +32,16 @@ bool IsChildPath(const std::string& path, const std::string& parent) {
          path[parent.size()] == '/' && path.find('/', parent.size() + 1) == std::string::npos;
 }
 
+// Adds the node under its path; false (nothing changed) when the path is
+// taken.
+bool Register(internal::Node* node) {
+  Registry& reg = Reg();
+  std::lock_guard lock(reg.mu);
+  if (!reg.nodes.emplace(node->path, node).second) return false;
+  if (node->parent != nullptr) ++node->parent->children;
+  return true;
+}
+
 }  // namespace
 
 namespace internal {
@@ -40,12 +51,14 @@ bool ValidName(const char* name) {
          std::strcmp(name, ".") != 0 && std::strcmp(name, "..") != 0;
 }
 
-bool Register(Node* node) {
-  Registry& reg = Reg();
-  std::lock_guard lock(reg.mu);
-  if (!reg.nodes.emplace(node->path, node).second) return false;
-  if (node->parent != nullptr) ++node->parent->children;
-  return true;
+Node* AdoptNode(Node* node, int level, const char* complaint) {
+  if (!Register(node)) {
+    kport_printk(level, complaint, node->path.c_str());
+    delete node;
+    return nullptr;
+  }
+  CountAlloc();
+  return node;
 }
 
 Unlinked Unregister(std::string_view path, Node** node, std::string* first_child) {

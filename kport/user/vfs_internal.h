@@ -35,9 +35,14 @@ struct Node {
 // Whether `name` can name an entry: not empty, no '/', not "." or "..".
 bool ValidName(const char* name);
 
-// Adds the node under its path; false (nothing changed) when the path is
-// taken.
-bool Register(Node* node);
+// Takes ownership of a new node: registers and counts it as an allocation,
+// or, when its path is taken, logs `complaint` (a format with one %s, the
+// path) at `level`, frees the node and returns nullptr.
+Node* AdoptNode(Node* node, int level, const char* complaint);
+template <typename T>
+T* Adopt(T* node, int level, const char* complaint) {
+  return static_cast<T*>(AdoptNode(node, level, complaint));
+}
 
 enum class Unlinked { kOk, kMissing, kHasChildren };
 // Takes the node at `path` out of the registry and waits until no handler
