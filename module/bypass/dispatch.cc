@@ -85,19 +85,11 @@ void count_decision(u32 count, const u8* list) {
   }
 }
 
-}  // namespace
-}  // namespace vane
-
-extern "C" u32 bypass_proc_msg_multicore(u8* pucPkt, u32 ulLen, u32* pulVcpuNum, u8* pucVcpuList) {
-  using namespace vane;
-  if (pucPkt == nullptr || pulVcpuNum == nullptr || pucVcpuList == nullptr) {
-    return BYPASS_ERR_PARA;
-  }
-  *pulVcpuNum = 0;
-  pucVcpuList[0] = 0;
-  BYPASS_PKT_OFFSET_S cfg;
-  config_snapshot(&cfg);
-  ByteView pkt(pucPkt, ulLen);
+// The multi-core path on the packet (prefix stripped), under the caller's
+// snapshot of the configuration.
+u32 multicore_path(const BYPASS_PKT_OFFSET_S& cfg, ByteView pkt, u32* count, u8* list) {
+  *count = 0;
+  list[0] = 0;
   u32 mac_offset = cfg.ulMacOffset;
   u16 tci = 0;
   u16 inner_type = 0;
@@ -105,11 +97,23 @@ extern "C" u32 bypass_proc_msg_multicore(u8* pucPkt, u32 ulLen, u32* pulVcpuNum,
       pkt.be16(16, &inner_type) && (tci & 0x0FFF) == kEncapVlanId && inner_type == kEncapEthType) {
     mac_offset = cfg.ulInnerMacOffset;
   }
-  if (mac_offset > ulLen) return BYPASS_ERR_PARA;
+  if (mac_offset > pkt.size()) return BYPASS_ERR_PARA;
   // The deciders of the multi-core path (internal frames, steering tables,
   // TIMNG and WLAN load balancing) arrive with their tables; until then the
   // path chooses no vCPU and the packet goes to the default receiver.
   return BYPASS_OK;
+}
+
+}  // namespace
+}  // namespace vane
+
+extern "C" u32 bypass_proc_msg_multicore(u8* pucPkt, u32 ulLen, u32* pulVcpuNum, u8* pucVcpuList) {
+  if (pucPkt == nullptr || pulVcpuNum == nullptr || pucVcpuList == nullptr) {
+    return BYPASS_ERR_PARA;
+  }
+  BYPASS_PKT_OFFSET_S cfg;
+  vane::config_snapshot(&cfg);
+  return vane::multicore_path(cfg, vane::ByteView(pucPkt, ulLen), pulVcpuNum, pucVcpuList);
 }
 
 extern "C" void bypass_msg_getVCpuId(u8* pucBuf, u32 ulLen, u32* pulVcpuNum, u8* pucVcpuList) {
@@ -127,21 +131,20 @@ extern "C" void bypass_msg_getVCpuId(u8* pucBuf, u32 ulLen, u32* pulVcpuNum, u8*
   config_snapshot(&cfg);
   u32 eth_num = 0;
   ByteView(pucBuf, ulLen).ne32(8, &eth_num);
-  u8* pkt = pucBuf + BYPASS_PKT_PREFIX_LEN;
-  const u32 pkt_len = ulLen - BYPASS_PKT_PREFIX_LEN;
+  const ByteView pkt(pucBuf + BYPASS_PKT_PREFIX_LEN, ulLen - BYPASS_PKT_PREFIX_LEN);
 
   if (in_range(eth_num, cfg.ulMultiCoreEthNumMin, cfg.ulMultiCoreEthNumMax)) {
-    (void)bypass_proc_msg_multicore(pkt, pkt_len, pulVcpuNum, pucVcpuList);
+    // One snapshot serves the whole decision.
+    (void)multicore_path(cfg, pkt, pulVcpuNum, pucVcpuList);
   } else if (eth_num == cfg.ulEcmEthNum ||
              in_range(eth_num, cfg.ulVpEthNumMin, cfg.ulVpEthNumMax)) {
     if (cfg.ulBoardType == BYPASS_BOARD_TYPE_NO_ECM) return;
-    ByteView view(pkt, pkt_len);
-    const u8 vcpu = ecm_vcpu(view);
+    const u8 vcpu = ecm_vcpu(pkt);
     if (vcpu != 0) {
       // The VP dispatch that takes these packets arrives with the fragment
       // tables; until then they get no vCPU and, like every packet handed to
       // it, are not counted here.
-      if (is_vp_fragment_candidate(cfg, eth_num, view)) return;
+      if (is_vp_fragment_candidate(cfg, eth_num, pkt)) return;
       *pulVcpuNum = 1;
       pucVcpuList[0] = vcpu;
       count_packet(BYPASS_PKT_COUNT_ECM_BASE + vcpu);
