@@ -7,6 +7,7 @@
 #include "drv_vane/dispatch.h"
 #include "base/atomic.h"
 #include "base/bytes.h"
+#include "base/ether.h"
 #include "bypass/config_internal.h"
 #include "debug/debug_internal.h"
 #include "drv_vane/config.h"
@@ -20,11 +21,9 @@ namespace vane {
 namespace {
 
 constexpr u16 kEcmVpEthType = 0x06A4;  // behind one VLAN tag of an ECM/VP frame
-constexpr u16 kTagMask = 0xEFFF;
-constexpr u16 kVlanTpid = 0x8100;
-constexpr u32 kEcmVcpuByte = 21;  // vCPU number after the inner MAC prefix
-constexpr u32 kEcmMinLen = 22;    // bytes 0..21
-constexpr u32 kVpTagTestAt = 30;  // tag test of the VP fragment hand-off
+constexpr u32 kEcmVcpuByte = 21;       // vCPU number after the inner MAC prefix
+constexpr u32 kEcmMinLen = 22;         // bytes 0..21
+constexpr u32 kVpTagTestAt = 30;       // tag test of the VP fragment hand-off
 constexpr u32 kEncapVlanId = 4094;
 constexpr u16 kEncapEthType = 0x0724;
 
@@ -69,7 +68,7 @@ bool is_vp_fragment_candidate(const BYPASS_PKT_OFFSET_S& cfg, u32 eth_num, ByteV
   if (!in_range(eth_num, cfg.ulVpEthNumMin, cfg.ulVpEthNumMax) || !pkt.be16(kVpTagTestAt, &tag)) {
     return false;
   }
-  const u8 untagged = (tag & kTagMask) != kVlanTpid ? 1 : 0;
+  const u8 untagged = is_vlan_tpid(tag) ? 0 : 1;
   return netlink_check_if_data_vp(const_cast<u8*>(pkt.data()), untagged) == 0;
 }
 

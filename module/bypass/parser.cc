@@ -9,6 +9,7 @@
 
 #include "base/atomic.h"
 #include "base/bytes.h"
+#include "base/ether.h"
 #include "drv_vane/config.h"
 
 namespace vane {
@@ -21,8 +22,6 @@ constexpr u32 kEthMinLen = 24;
 constexpr u32 kEthTypePos = 12;
 constexpr u32 kVlanWalkEnd = 28;  // four tags at most
 constexpr u32 kVlanTagLen = 4;
-constexpr u16 kTpidMask = static_cast<u16>(~0x1000u);  // 0x8100 and 0x9100 alike
-constexpr u16 kTpidVlan = 0x8100;
 
 constexpr u16 kEthTypeIpv4 = 0x0800;
 constexpr u16 kEthTypeIpv6 = 0x86DD;
@@ -167,7 +166,7 @@ u32 parse_frame(ByteView pkt, u16 mac_off, BYPASS_PKT_INFO_S* info) {
   u16 ether_type = 0;
   while (true) {
     if (!frame.be16(p, &ether_type)) return BYPASS_PARSE_ERR;
-    if (p >= kVlanWalkEnd || (ether_type & kTpidMask) != kTpidVlan) break;
+    if (p >= kVlanWalkEnd || !is_vlan_tpid(ether_type)) break;
     p += kVlanTagLen;
   }
   info->usProtocolType = ether_type;

@@ -2,6 +2,7 @@
 // packet kinds. Pure functions of the packet and the configuration record.
 #include "base/atomic.h"
 #include "base/bytes.h"
+#include "base/ether.h"
 #include "drv_vane/config.h"
 #include "drv_vane/netlink.h"
 #include "kport/errno.h"
@@ -11,8 +12,6 @@ namespace {
 
 constexpr u32 kEthOffset = 12;  // the Ethernet header follows the delivery prefix
 constexpr u16 kEthTypeIpv4 = 0x0800;
-constexpr u16 kTagMask = 0xEFFF;  // 0x8100 and 0x9100 both count as VLAN tags
-constexpr u16 kVlanTpid = 0x8100;
 constexpr u8 kIpProtoIcmp = 1;
 constexpr u8 kIcmpEchoReply = 0;
 constexpr u8 kIcmpEchoRequest = 8;
@@ -34,10 +33,10 @@ extern "C" int netlink_filter_icmp_pkt(u8* pucBuf, u32 ulLen) {
   u32 type_at = kEthOffset + 12;
   u16 v = 0;
   if (!pkt.be16(type_at, &v)) return 0;
-  if ((v & kTagMask) == kVlanTpid) {
+  if (is_vlan_tpid(v)) {
     type_at += 4;
     if (!pkt.be16(type_at, &v)) return 0;
-    if ((v & kTagMask) == kVlanTpid) {
+    if (is_vlan_tpid(v)) {
       type_at += 4;
       if (!pkt.be16(type_at, &v)) return 0;
     }
