@@ -1,0 +1,83 @@
+// proc and sysfs files: reads and writes of every registered file, with
+// arbitrary bytes, counts and positions, between control messages and
+// packets that give the files something to show.
+//
+// Input: records of
+//   u8   operation: 0 read, 1 write, 2 control message, 3 packet
+//   read/write:  u8 file (index into the registered files, modulo their
+//                number), u32 count, u32 position (signed), and for a write
+//                u16 n and n bytes (count bytes are written: the buffer is
+//                the n bytes repeated, or zeros when n is 0)
+//   control:     u32 message id, u16 n and n payload bytes
+//   packet:      u16 n and n bytes handed to netlink_send_msg
+// The files are listed afresh from the registry for each input, so files
+// that later parts of the module register are reached without a change.
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "drv_vane/netlink.h"
+#include "fuzz_env.h"
+
+namespace {
+
+constexpr uint32_t kMaxCount = 1u << 17;  // past every file's size
+
+std::vector<std::string> Files() {
+  std::vector<std::string> files;
+  for (std::string& path : kport::user::vfs::List()) {
+    if (kport::user::vfs::Mode(path) & 0x8000) files.push_back(std::move(path));  // S_IFREG
+  }
+  return files;
+}
+
+std::vector<uint8_t> Fill(std::span<const uint8_t> pattern, size_t count) {
+  std::vector<uint8_t> buf(count, 0);
+  for (size_t i = 0; !pattern.empty() && i < count; ++i) buf[i] = pattern[i % pattern.size()];
+  return buf;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  namespace vfs = kport::user::vfs;
+  vane::fuzz::FreshModule module;
+  vane::fuzz::Reader in(data, size);
+  const std::vector<std::string> files = Files();
+  while (!in.empty()) {
+    const uint8_t op = in.u8() % 4;
+    if (op == 2) {
+      const uint32_t id = in.u32();
+      module.Control(id, in.block());
+      continue;
+    }
+    if (op == 3) {
+      std::span<const uint8_t> bytes = in.block();
+      std::vector<uint8_t> buf(bytes.begin(), bytes.end());
+      netlink_send_msg(0, buf.empty() ? nullptr : buf.data(), static_cast<u32>(buf.size()));
+      module.Drain();
+      continue;
+    }
+    if (files.empty()) return 0;
+    const std::string& path = files[in.u8() % files.size()];
+    const size_t count = in.u32() % kMaxCount;
+    int64_t pos = static_cast<int32_t>(in.u32());
+    const bool sysfs = path.rfind("/sys/", 0) == 0;
+    if (op == 0) {
+      if (sysfs) {
+        vfs::SysfsShow(path);
+      } else {
+        std::vector<uint8_t> buf(count);
+        vfs::ProcRead(path, buf.empty() ? nullptr : buf.data(), count, &pos);
+      }
+    } else {
+      std::vector<uint8_t> buf = Fill(in.block(), count);
+      if (sysfs) {
+        vfs::SysfsStore(path, std::string(buf.begin(), buf.end()));
+      } else {
+        vfs::ProcWrite(path, buf.empty() ? nullptr : buf.data(), count, &pos);
+      }
+    }
+  }
+  return 0;
+}

@@ -1,0 +1,138 @@
+#!/usr/bin/env python3
+"""Writes the seed corpora of the fuzz targets (fuzz/corpus/<target>/): valid
+control messages of every id, a working configuration with packets of every
+kind the dispatcher tells apart, and file operations on every file.
+
+Run it again after changing the input formats of the targets; the seeds are
+committed, so a fuzz run needs no Python."""
+import os
+import struct
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+
+NLM_F_REQUEST, NLM_F_ACK = 0x1, 0x4
+MSG_TYPE = 18
+ECM_ETHNUM, MC_ETHNUM, VP_ETHNUM = 7, 20, 30
+
+
+def u16(v): return struct.pack('<H', v)
+def u32(v): return struct.pack('<I', v)
+def be16(v): return struct.pack('>H', v)
+def block(b): return u16(len(b)) + b
+
+
+def control(msg_id, payload, len_field=None):
+    ln = 24 + len(payload)
+    head = struct.pack('<IHHII', ln, MSG_TYPE, NLM_F_REQUEST | NLM_F_ACK, 1, 0)
+    return head + u32(msg_id) + u32(len(payload) if len_field is None else len_field) + payload
+
+
+def config(dispatch=1, board=0, no_hg=0, ecm_vp_only=0):
+    slots = [0] * 22
+    slots[0] = 0            # HiGig2 header at 0
+    slots[1] = 16           # Ethernet header after it
+    slots[7], slots[15] = MC_ETHNUM, MC_ETHNUM + 3
+    slots[8] = ECM_ETHNUM
+    slots[9], slots[18] = VP_ETHNUM, VP_ETHNUM + 3
+    slots[10] = dispatch
+    slots[11] = board
+    slots[12] = 34          # inner frame of a marked VP fragment
+    slots[14] = 0           # cause ID at 18-19
+    slots[16] = 60          # first-fragment mark
+    slots[17] = 30          # inner frame of a direct VP packet
+    slots[19] = ecm_vp_only
+    slots[20] = no_hg
+    slots[21] = 22
+    return b''.join(u32(s) for s in slots)
+
+
+def ipv4_udp(sport, dport, frag=0, payload=b'\0' * 16, proto=17):
+    udp = be16(sport) + be16(dport) + be16(8 + len(payload)) + be16(0) + payload
+    body = udp if proto == 17 else payload
+    total = 20 + len(body)
+    ip = bytes([0x45, 0]) + be16(total) + be16(0x1234) + be16(frag) + bytes([64, proto]) + \
+        be16(0) + bytes([10, 0, 0, 1, 10, 0, 0, 2])
+    return be16(0x0800) + ip + body
+
+
+def ether(dst, src=b'\x00\x11\x22\x33\x44\x55', vlan=None):
+    tag = be16(0x8100) + be16(vlan) if vlan is not None else b''
+    return dst + src + tag
+
+
+def prefix(ethnum, word0=0): return u32(word0) + u32(0) + u32(ethnum)
+
+
+def higig(cause=0x2a):
+    hg = bytearray(16)
+    hg[0] = 0xfb
+    return bytes(hg)
+
+
+CAPWAP_KA = bytes([0x00, 0x10, 0x43, 0x08]) + b'\0' * 4 + be16(22) + be16(35) + be16(16) + \
+    bytes(range(16))
+
+
+def packets():
+    mc_dst = b'\x00\xaa\xbb\xcc\xdd\xee'
+    yield 0, 0, prefix(ECM_ETHNUM) + ether(b'\x0a\x0b\x0b\x00\x00\x01', vlan=1) + be16(0x06a4) + \
+        b'\x0a\x0b\x0c\x05' + b'\0' * 40
+    yield 0, 0, prefix(1) + ether(mc_dst) + ipv4_udp(0, 0, proto=1, payload=b'\x08\0\0\0\0\1\0\1')
+    for sport, dport in ((5246, 5246), (5247, 5247), (1812, 1812), (3799, 3799), (68, 67)):
+        yield 0, 0, prefix(MC_ETHNUM) + higig() + ether(mc_dst) + ipv4_udp(sport, dport)
+    yield 0, 0, prefix(MC_ETHNUM) + higig() + ether(mc_dst) + ipv4_udp(5247, 5247, payload=CAPWAP_KA)
+    for frag in (0x2000, 0x2010, 0x0020):  # first, middle, last
+        yield 0, 0, prefix(MC_ETHNUM) + higig() + ether(mc_dst) + ipv4_udp(5246, 5246, frag=frag)
+    for mark in (0x07, 0x3d):
+        inner = ether(mc_dst) + ipv4_udp(5246, 5246, frag=0x2000)
+        yield 0, 0, prefix(MC_ETHNUM) + higig() + ether(b'\x0a\x0b\x0b' + bytes([mark, 0, 0])) + \
+            be16(0x06a4) + b'\0' * 16 + inner
+    yield 1, 0, prefix(VP_ETHNUM) + ether(b'\x0a\x0b\x0b\x00\x00\x01', vlan=1) + be16(0x06a4) + \
+        b'\x0a\x0b\x0c\x09' + b'\0' * 60
+
+
+def write(target, name, data):
+    d = os.path.join(HERE, 'corpus', target)
+    os.makedirs(d, exist_ok=True)
+    with open(os.path.join(d, name), 'wb') as f:
+        f.write(data)
+
+
+def main():
+    # Control messages, one seed per id family, from each sender and channel.
+    ctrl = {
+        'register': control(0, u32(0) + u32(0)) + b'',
+        'register_vcpu': control(0, u32(1) + u32(7)),
+        'config': control(5, config()),
+        'debug_level': control(6, bytes([12, 0, 0, 0])),
+        'handler_id3': control(3, b'\x01\x02\x03\x04'),
+        'wlan_lb': control(10, u32(1) + u32(16) + bytes(16)),
+        'steering': control(11, u32(1) + u32(0) + u32(9) + u32(2) + u16(100) + u16(101) +
+                            b'\0' * 36 + u16(200) + u16(210)),
+        'timng': control(14, u32(300) + u32(4) + u32(1) + u32(1)),
+        'timng_master': control(15, u32(0) + u32(0) + u32(1) + u32(0)),
+        'short_len_field': control(5, config(), len_field=1000),
+    }
+    for name, msg in ctrl.items():
+        write('control', name, bytes([0]) + block(msg) + bytes([3]) + block(msg))
+    # Packets under configurations.
+    for cname, cfg in (('hg', config()), ('nohg', config(no_hg=1)),
+                       ('vpfrag', config(board=37)), ('ecmvponly', config(ecm_vp_only=1, no_hg=1))):
+        for i, (sel, typ, buf) in enumerate(packets()):
+            write('packet', '%s_%02d' % (cname, i), cfg + bytes([sel]) + u32(typ) + block(buf))
+    # Files: read each of the first files whole, write levels, with traffic.
+    ops = b''
+    for f in range(8):
+        ops += bytes([0, f]) + u32(70000) + u32(0)
+    ops += bytes([1, 1]) + u32(4) + u32(0) + block(u32(4))
+    ops += bytes([2]) + u32(5) + block(config())
+    ops += bytes([3]) + block(list(packets())[0][2])
+    for f in range(8):
+        ops += bytes([0, f]) + u32(100) + u32(7)
+    write('files', 'read_all', ops)
+    write('files', 'write_each', b''.join(bytes([1, f]) + u32(96) + u32(0) + block(bytes(range(96)))
+                                          for f in range(8)))
+
+
+if __name__ == '__main__':
+    main()
