@@ -4,6 +4,14 @@
 # must be gone, dumps the kernel log and powers off. One line per check:
 #   VANE-PASS <name>   or   VANE-FAIL <name>: <why>
 # then "VANE-VERDICT PASS|FAIL"; tests/qemu/run.sh judges the serial log.
+#
+# Kernel command-line words that change the run (tests/qemu/run.sh sets them
+# for the debug kernels):
+#   vane.bug=NAME     plant one bug with vane_bugplant.ko and stop: the
+#                     harness requires the detector's report in the log
+#   vane.stress=SECS  after the scenarios, four rounds of load, vane_stress
+#                     for SECS seconds, unload
+#   vane.kmemleak=1   scan for leaks once every module is unloaded
 /bin/busybox --install -s /bin
 export PATH=/bin
 mount -t proc proc /proc
@@ -12,6 +20,36 @@ mount -t devtmpfs devtmpfs /dev
 
 M=/lib/vane
 FAILS=0
+
+param() {
+    for w in $(cat /proc/cmdline); do
+        case $w in "$1="*) echo "${w#*=}" && return ;; esac
+    done
+}
+BUG=$(param vane.bug)
+STRESS=$(param vane.stress)
+KMEMLEAK=$(param vane.kmemleak)
+if [ -n "$KMEMLEAK$BUG" ]; then
+    mount -t debugfs debugfs /sys/kernel/debug
+fi
+LEAKS=/sys/kernel/debug/kmemleak
+# kmemleak reports objects older than about five seconds, after two scans.
+leak_scan() {
+    sleep 6
+    echo scan >$LEAKS
+    echo scan >$LEAKS
+    cat $LEAKS
+}
+end_run() {
+    echo VANE-DMESG-BEGIN
+    dmesg
+    echo VANE-DMESG-END
+    if [ $FAILS = 0 ]; then echo "VANE-VERDICT PASS"; else echo "VANE-VERDICT FAIL"; fi
+    sync
+    # Without ACPI poweroff does not stop the machine; qemu runs with
+    # -no-reboot, so a reboot ends it.
+    reboot -f
+}
 
 pass() { echo "VANE-PASS $1"; }
 fail() {
@@ -28,6 +66,23 @@ loaded() { grep -q "^$1 " /proc/modules; }
 absent() { ! loaded "$1"; }
 
 echo "VANE-BEGIN $(uname -r) $(uname -m), $(grep -c ^processor /proc/cpuinfo) cpus"
+
+if [ -n "$BUG" ]; then
+    # The detector's report is what counts; the harness looks for it.
+    check plant-$BUG "insmod vane_bugplant.ko bug=$BUG failed" insmod $M/vane_bugplant.ko bug=$BUG
+    [ "$BUG" = race ] || sleep 1
+    if [ "$BUG" = leak ]; then
+        rmmod vane_bugplant
+        leak_scan
+    fi
+    end_run
+fi
+
+# Leaks of the boot itself are not the modules' business.
+if [ "$KMEMLEAK" = 1 ]; then
+    echo scan >$LEAKS
+    echo clear >$LEAKS
+fi
 
 check load-kbndsafe "insmod kbndsafe.ko failed" insmod $M/kbndsafe.ko
 
@@ -89,13 +144,28 @@ check unload-drvsim "rmmod vane_drvsim failed" rmmod vane_drvsim
 check unload-drv_vane "rmmod drv_vane failed" rmmod drv_vane
 check unload-leaves-no-proc "/proc/bypassDebug remains" [ ! -e /proc/bypassDebug ]
 /bin/vane_scenarios noproto unload-closes-socket 26 27 || FAILS=$((FAILS + 1))
+
+# Packets from both processors, control messages, proc reads and writes, all
+# at once, with the module loaded and unloaded between rounds.
+if [ -n "$STRESS" ]; then
+    for round in 1 2 3 4; do
+        if insmod $M/drv_vane.ko && insmod $M/vane_drvsim.ko; then
+            /bin/vane_stress "$STRESS" "round$round" || FAILS=$((FAILS + 1))
+        else
+            fail stress-round$round "insmod failed"
+        fi
+        rmmod vane_drvsim 2>/dev/null
+        check stress-unload-round$round "rmmod drv_vane failed" rmmod drv_vane
+    done
+fi
 check unload-kbndsafe "rmmod kbndsafe failed" rmmod kbndsafe
 check all-unloaded "a module is still loaded" \
     sh -c "! grep -qE '^(kbndsafe|drv_vane|vane_drvsim|vane_nlhold|vane_kport_selftest) ' /proc/modules"
 
-echo VANE-DMESG-BEGIN
-dmesg
-echo VANE-DMESG-END
-if [ $FAILS = 0 ]; then echo "VANE-VERDICT PASS"; else echo "VANE-VERDICT FAIL"; fi
-sync
-poweroff -f
+if [ "$KMEMLEAK" = 1 ]; then
+    leak_scan >/tmp/leaks
+    cat /tmp/leaks
+    check no-leaks "kmemleak reports unreferenced objects" [ ! -s /tmp/leaks ]
+fi
+
+end_run

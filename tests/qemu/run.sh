@@ -1,33 +1,45 @@
 #!/bin/bash
 # Builds kbndsafe.ko, drv_vane.ko, vane_drvsim.ko and the statically linked
-# scenario program, boots the Debian kernel under qemu with them in an
-# initramfs, and judges the serial log.
+# scenario programs, boots a kernel under qemu with them in an initramfs, and
+# judges the serial log.
 #
-#   tests/qemu/run.sh [x86_64|arm64]      (default x86_64)
+#   tests/qemu/run.sh x86_64|arm64      Debian's own kernel
+#   tests/qemu/run.sh kasan|kcsan       an x86_64 debug kernel built from
+#                                       Debian's source (debug-kernel.sh),
+#                                       two processors, with the stress and
+#                                       (kasan) a leak scan after unloading
+#   tests/qemu/run.sh kasan|kcsan BUG   boots once with vane_bugplant.ko
+#                                       planting BUG, and requires the
+#                                       detector's report
 #
 # Fails (exit 1) on a failed check, on a missing verdict, and on any Oops,
-# BUG, WARNING, call trace or panic in the log. Output under build/qemu/<arch>/
-# (serial.log is the guest's console). Installs what is missing through
-# tests/qemu/setup.sh first.
+# BUG, WARNING, call trace, panic or debug-kernel report in the log. Output
+# under build/qemu/<target>/ (serial.log is the guest's console). Installs
+# what is missing through tests/qemu/setup.sh first.
 set -euo pipefail
 
-arch=${1:-x86_64}
+target=${1:-x86_64}
+bug=${2:-}
 repo=$(cd "$(dirname "$0")/../.." && pwd)
 here=$repo/tests/qemu
-out=$repo/build/qemu/$arch
+out=$repo/build/qemu/$target${bug:+-$bug}
 
-case $arch in
-x86_64) "$here/setup.sh" x86_64 ;;
+case $target in
+x86_64 | kasan | kcsan) "$here/setup.sh" x86_64 ;;
 arm64) "$here/setup.sh" ;;
 *)
-    echo "usage: $0 [x86_64|arm64]" >&2
+    echo "usage: $0 [x86_64|arm64|kasan|kcsan [BUG]]" >&2
     exit 2
     ;;
 esac
 
-kver=$("$repo/kport/linux/kver.sh")
-case $arch in
+make_args=()
+append=""
+smp=2
+mem=512
+case $target in
 x86_64)
+    kver=$("$repo/kport/linux/kver.sh")
     karch=x86
     cc=gcc
     kimage=/boot/vmlinuz-$kver
@@ -46,25 +58,69 @@ arm64)
     console=ttyAMA0
     limit=900
     ;;
+kasan | kcsan)
+    kdir=$("$here/debug-kernel.sh" "$target")
+    karch=x86
+    cc=gcc
+    kimage=$kdir/arch/x86/boot/bzImage
+    busybox=/bin/busybox
+    qemu=(qemu-system-x86_64 -M pc -accel tcg)
+    console=ttyS0
+    limit=900
+    make_args=(KDIR="$kdir" OUT="$repo/build/kmod/x86_64-$target" VANE_BUGPLANT=m)
+    # No ACPI in these kernels: one processor per socket in the BIOS table,
+    # and the TSC's rate from the host (under TCG the guest TSC ticks at
+    # it), since calibration against the PIT is unreliable under emulation.
+    smp=2,sockets=2,cores=1,threads=1
+    mem=1024
+    khz=$(awk -F': *' '/^cpu MHz/ { printf "%d", $2 * 1000; exit }' /proc/cpuinfo)
+    append="tsc_early_khz=$khz tsc=reliable"
+    if [ -n "$bug" ]; then
+        append="$append vane.bug=$bug"
+    else
+        append="$append vane.stress=6"
+        [ "$target" = kasan ] && append="$append vane.kmemleak=1"
+    fi
+    ;;
 esac
+# What each planted bug must make the kernel say.
+case $bug in
+"") ;;
+oob) expect='BUG: KASAN: slab-out-of-bounds' ;;
+lockinv) expect='WARNING: possible circular locking dependency detected' ;;
+sleep) expect='BUG: sleeping function called from invalid context' ;;
+timerfree) expect='ODEBUG: free active .* object type: timer_list' ;;
+leak) expect='unreferenced object 0x[0-9a-f]+ \(size 128\)' ;;
+race) expect='BUG: KCSAN: data-race in race_(reader|writer)' ;;
+*)
+    echo "run: unknown bug $bug" >&2
+    exit 2
+    ;;
+esac
+name=$target
+case $target in kasan | kcsan) name=x86_64_$target${bug:+_plant_$bug} ;; esac
 
 now() { date +%s.%N; }
 secs() { awk -v a="$1" -v b="$(now)" 'BEGIN { printf "%.1f", b - a }'; }
 
 mkdir -p "$out"
 t0=$(now)
-make -s -C "$repo/kport/linux" ARCH=$karch
-kmod=$repo/build/kmod/$arch
-$cc -static -O2 -Wall -Wextra -Werror -o "$out/vane_scenarios" "$here/scenarios.c"
+make -s -C "$repo/kport/linux" ARCH=$karch "${make_args[@]}"
+kmod=$repo/build/kmod/$([ "$karch" = arm64 ] && echo arm64 || echo x86_64)
+case $target in kasan | kcsan) kmod=$kmod-$target ;; esac
+for prog in scenarios stress; do
+    $cc -static -O2 -Wall -Wextra -Werror -o "$out/vane_$prog" "$here/$prog.c"
+done
 build_time=$(secs "$t0")
 
 rootfs=$out/rootfs
 rm -rf "$rootfs"
 mkdir -p "$rootfs"/{bin,dev,proc,sys,tmp,lib/vane}
 cp "$busybox" "$rootfs/bin/busybox"
-cp "$out/vane_scenarios" "$rootfs/bin/"
+cp "$out/vane_scenarios" "$out/vane_stress" "$rootfs/bin/"
 install -m 755 "$here/init.sh" "$rootfs/init"
-for m in kbndsafe drv_vane vane_drvsim vane_nlhold vane_kport_selftest; do
+for m in kbndsafe drv_vane vane_drvsim vane_nlhold vane_kport_selftest vane_bugplant; do
+    [ "$m" != vane_bugplant ] || [ -n "$bug" ] || continue
     cp "$kmod/$m.ko" "$rootfs/lib/vane/"
 done
 # The kernel opens /dev/console for /init before devtmpfs is mounted.
@@ -73,8 +129,8 @@ mknod "$rootfs/dev/console" c 5 1 2>/dev/null || true
 
 t1=$(now)
 status=0
-timeout $limit "${qemu[@]}" -m 512 -smp 2 -kernel "$kimage" -initrd "$out/initramfs.cpio.gz" \
-    -append "console=$console loglevel=5 panic=-1" -nographic -no-reboot \
+timeout $limit "${qemu[@]}" -m $mem -smp $smp -kernel "$kimage" -initrd "$out/initramfs.cpio.gz" \
+    -append "console=$console loglevel=5 panic=-1 $append" -nographic -no-reboot \
     </dev/null >"$out/serial.log" 2>&1 || status=$?
 boot_time=$(secs "$t1")
 
@@ -95,12 +151,27 @@ if ! grep -q '^VANE-VERDICT ' "$log"; then
 elif ! grep -q '^VANE-VERDICT PASS' "$log"; then
     verdict=bad
 fi
-if grep -nE 'Oops|BUG:|WARNING:|Call Trace|Kernel panic' "$log" >&2; then
+# Every detector's report, whichever comes first: lockdep and KASAN switch
+# themselves off after one, so any report fails the run.
+reports='Oops|BUG:|WARNING:|Call Trace|Kernel panic|ODEBUG:|list_(add|del) corruption|'\
+'suspicious RCU usage|sleeping function called from invalid context|unreferenced object|'\
+'INFO: lockdep is turned off|possible (circular|recursive) locking|inconsistent lock state'
+if [ -n "$bug" ]; then
+    # The planted bug's report must be there; it is the only fault allowed.
+    if grep -qE "$expect" "$log"; then
+        echo "run: $bug planted, the kernel reported it:"
+        grep -m1 -E "$expect" "$log"
+        passes=1 fails=0
+    else
+        echo "run: $bug planted, but no report matching '$expect' in $out/serial.log" >&2
+        passes=0 fails=1
+    fi
+elif grep -nE "$reports" "$log" >&2; then
     echo "run: the kernel log above shows a fault" >&2
     verdict=bad
 fi
 
-echo "$arch: $passes passed, $fails failed (build ${build_time}s, boot and tests ${boot_time}s)"
+echo "$name: $passes passed, $fails failed (build ${build_time}s, boot and tests ${boot_time}s)"
 if [ $verdict = ok ] && [ "$fails" = 0 ] && [ "$passes" -gt 0 ]; then
     exit 0
 fi
