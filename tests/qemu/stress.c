@@ -63,8 +63,16 @@ static long now_ms(void) {
   return ts.tv_sec * 1000L + ts.tv_nsec / 1000000L;
 }
 
-/* Exit status of a child: 0 when it did work, 1 when it did none. */
-static void finish(unsigned long work) { _exit(work > 0 ? 0 : 1); }
+static const char* label = "";
+static const char* role = "";
+
+/* Ends a child: how much it did goes to the log (a stress that did little
+ * proves little), and the exit status says whether it did anything. */
+static void finish(unsigned long work) {
+  printf("vane-stress %s: %s did %lu operations\n", label, role, work);
+  fflush(stdout);
+  _exit(work > 0 ? 0 : 1);
+}
 
 /* ---- packets ------------------------------------------------------------ */
 
@@ -139,20 +147,23 @@ static void worker(long end) {
   unsigned long got = 0;
 
   if (fds[0] < 0 || fds[1] < 0) _exit(1);
-  for (int c = 0; c < 2; c++) {
-    register_pid(fds[0], (uint32_t)c, 0);
-    for (uint32_t v = 1; v <= 8; v++) register_pid(fds[0], (uint32_t)c, v);
-  }
-  while (now_ms() < end) {
+  for (long round = 0; now_ms() < end; round++) {
+    /* The control process registers itself at random too; taking the
+     * receivers back now and then keeps deliveries coming here as well. */
+    if (round % 50 == 0) {
+      for (int c = 0; c < 2; c++) {
+        register_pid(fds[c], (uint32_t)(PROTO_NORMAL + c), 0);
+        register_pid(fds[c], (uint32_t)(PROTO_NORMAL + c), 1 + rnd() % 8);
+      }
+    }
     for (int i = 0; i < 2; i++) {
       int n = nl_recv(fds[i], buf, sizeof(buf), 5);
 
       if (n > 0) got++;
     }
   }
-  /* Registration acknowledgements count as received too: the worker did
-   * its part even when no packet was addressed to it. */
-  finish(got + 1);
+  /* The worker did its part even when no packet was addressed to it. */
+  finish(got ? got : 1);
 }
 
 /* ---- control messages ---------------------------------------------------- */
@@ -189,7 +200,8 @@ static void control(long end) {
       do payload[0] = (uint8_t)(rnd() % 22);
       while (payload[0] == 16);
     } else if (id == MID_PID) {
-      put32(payload, rnd() % 3);
+      /* Either channel (named by its protocol), or no channel at all. */
+      put32(payload, rnd() % 4 ? PROTO_NORMAL + rnd() % 2 : rnd() % 64);
       put32(payload + 4, rnd() % 70);
       size = rnd() % 4 ? 8 : size;
     }
@@ -261,6 +273,7 @@ int main(int argc, char** argv) {
     fprintf(stderr, "usage: %s SECONDS LABEL\n", argv[0]);
     return 2;
   }
+  label = argv[2];
   end = now_ms() + atol(argv[1]) * 1000L;
   rng_state = 0x9e3779b97f4a7c15ull ^ (uint64_t)getpid();
   for (int i = 0; i < 6; i++) {
@@ -268,6 +281,7 @@ int main(int argc, char** argv) {
 
     if (p == 0) {
       rng_state ^= (uint64_t)(i + 1) * 0xbf58476d1ce4e5b9ull;
+      role = names[i];
       switch (i) {
         case 0:
         case 1:
