@@ -6,7 +6,9 @@
 #   3. the same suites under ThreadSanitizer;
 #   4. formatting and clang-tidy;
 #   5. the kernel modules in a real Linux kernel under qemu, x86_64 and
-#      arm64 (cross-built).
+#      arm64 (cross-built), then on two x86_64 debug kernels (KASAN, KCSAN;
+#      built once per configuration and cached) with a concurrency stress,
+#      and one boot per planted bug proving that each detector reports.
 # Set VANE_SKIP_QEMU=1 to leave out step 5.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -39,6 +41,12 @@ if [ "${VANE_SKIP_QEMU:-0}" != 1 ]; then
   echo "=== kernel modules under qemu"
   bash tests/qemu/run.sh x86_64 2>&1 | tally
   bash tests/qemu/run.sh arm64 2>&1 | tally
+  bash tests/qemu/run.sh kasan 2>&1 | tally
+  bash tests/qemu/run.sh kcsan 2>&1 | tally
+  for bug in oob lockinv sleep timerfree leak; do
+    bash tests/qemu/run.sh kasan "$bug" 2>&1 | tally
+  done
+  bash tests/qemu/run.sh kcsan race 2>&1 | tally
 fi
 
 # Every runner's "N passed, M failed", added up: ctest says "...failed out of
