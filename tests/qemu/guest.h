@@ -112,7 +112,7 @@ static inline int nl_open(int proto) {
 
 /* One control message: header, message id, payload-length field, payload. */
 static inline int ctrl_send(int fd, uint16_t type, uint16_t flags, uint32_t seq, uint32_t id,
-                     uint32_t len_field, const void* payload, uint32_t size) {
+                            uint32_t len_field, const void* payload, uint32_t size) {
   static uint8_t buf[24 + 256];
   struct nlmsghdr* h = (struct nlmsghdr*)buf;
   struct sockaddr_nl kernel = {.nl_family = AF_NETLINK};
