@@ -7,12 +7,17 @@
 //   read/write:  u8 file (index into the registered files, modulo their
 //                number), u32 count, u32 position (signed), and for a write
 //                u16 n and n bytes (count bytes are written: the buffer is
-//                the n bytes repeated, or zeros when n is 0)
+//                the n bytes repeated, or zeros when n is 0). A sysfs
+//                attribute has no position and takes at most a page, so its
+//                count is taken modulo a page and two: the refused size
+//                stays reachable without most stores being refused.
 //   control:     u32 message id, u16 n and n payload bytes
-//   packet:      u16 n and n bytes handed to netlink_send_msg
+//   packet:      u16 n and n bytes handed to netlink_send_msg as type 1
 // The files are listed afresh from the registry for each input, so files
 // that later parts of the module register are reached without a change.
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -23,14 +28,7 @@ namespace {
 
 constexpr uint32_t kMaxCount = 1u << 17;  // past every file's size
 
-std::vector<std::string> Files() {
-  std::vector<std::string> files;
-  for (std::string& path : kport::user::vfs::List()) {
-    if (kport::user::vfs::Mode(path) & 0x8000) files.push_back(std::move(path));  // S_IFREG
-  }
-  return files;
-}
-
+constexpr uint32_t kSysfsMaxCount = 4096 + 2;
 std::vector<uint8_t> Fill(std::span<const uint8_t> pattern, size_t count) {
   std::vector<uint8_t> buf(count, 0);
   for (size_t i = 0; !pattern.empty() && i < count; ++i) buf[i] = pattern[i % pattern.size()];
@@ -43,7 +41,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   namespace vfs = kport::user::vfs;
   vane::fuzz::FreshModule module;
   vane::fuzz::Reader in(data, size);
-  const std::vector<std::string> files = Files();
+  const std::vector<std::string> files = vfs::Files();
+  // The module always registers files: none would fuzz nothing, silently.
+  if (files.empty()) {
+    std::fprintf(stderr, "fuzz: the module registered no file\n");
+    std::abort();
+  }
   while (!in.empty()) {
     const uint8_t op = in.u8() % 4;
     if (op == 2) {
@@ -54,15 +57,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (op == 3) {
       std::span<const uint8_t> bytes = in.block();
       std::vector<uint8_t> buf(bytes.begin(), bytes.end());
-      netlink_send_msg(0, buf.empty() ? nullptr : buf.data(), static_cast<u32>(buf.size()));
+      netlink_send_msg(1, buf.empty() ? nullptr : buf.data(), static_cast<u32>(buf.size()));
       module.Drain();
       continue;
     }
-    if (files.empty()) return 0;
     const std::string& path = files[in.u8() % files.size()];
-    const size_t count = in.u32() % kMaxCount;
-    int64_t pos = static_cast<int32_t>(in.u32());
     const bool sysfs = path.rfind("/sys/", 0) == 0;
+    const size_t count = in.u32() % (sysfs ? kSysfsMaxCount : kMaxCount);
+    int64_t pos = static_cast<int32_t>(in.u32());
     if (op == 0) {
       if (sysfs) {
         vfs::SysfsShow(path);

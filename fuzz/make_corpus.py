@@ -101,8 +101,8 @@ def write(target, name, data):
 def main():
     # Control messages, one seed per id family, from each sender and channel.
     ctrl = {
-        'register': control(0, u32(0) + u32(0)) + b'',
-        'register_vcpu': control(0, u32(1) + u32(7)),
+        'register': control(0, u32(26) + u32(0)),
+        'register_vcpu': control(0, u32(27) + u32(7)),
         'config': control(5, config()),
         'debug_level': control(6, bytes([12, 0, 0, 0])),
         'handler_id3': control(3, b'\x01\x02\x03\x04'),
