@@ -116,10 +116,13 @@ def main():
     for name, msg in ctrl.items():
         write('control', name, bytes([0]) + block(msg) + bytes([3]) + block(msg))
     # Packets under configurations.
-    for cname, cfg in (('hg', config()), ('nohg', config(no_hg=1)),
-                       ('vpfrag', config(board=37)), ('ecmvponly', config(ecm_vp_only=1, no_hg=1))):
+    # The first family also turns on the per-packet trace and packet dumps.
+    for cname, cfg, debug in (('hg', config(), 0x84), ('nohg', config(no_hg=1), 0),
+                              ('vpfrag', config(board=37), 0),
+                              ('ecmvponly', config(ecm_vp_only=1, no_hg=1), 0)):
         for i, (sel, typ, buf) in enumerate(packets()):
-            write('packet', '%s_%02d' % (cname, i), cfg + bytes([sel]) + u32(typ) + block(buf))
+            write('packet', '%s_%02d' % (cname, i),
+                  cfg + bytes([debug, sel]) + u32(typ) + block(buf))
     # Files: read each of the first files whole, write levels, with traffic.
     ops = b''
     for f in range(8):
