@@ -126,7 +126,7 @@ def main():
     # Files: read each of the first files whole, write levels, with traffic.
     ops = b''
     for f in range(8):
-        ops += bytes([0, f]) + u32(70000) + u32(0)
+        ops += bytes([0, f]) + u32(0x80000000 | 70000) + u32(0)  # top bit: past a page
     ops += bytes([1, 1]) + u32(4) + u32(0) + block(u32(4))
     ops += bytes([2]) + u32(5) + block(config())
     ops += bytes([3]) + block(list(packets())[0][2])
