@@ -18,6 +18,8 @@
 #include "drv_vane/netlink.h"
 #include "drv_vane/parser.h"
 #include "drv_vane/proc.h"
+#include "drv_vane/steering.h"
+#include "drv_vane/timng.h"
 
 /* Channels, handler registration and delivery. */
 EXPORT_SYMBOL(g_supp_netlink_kernel);
@@ -59,6 +61,24 @@ EXPORT_SYMBOL(g_bypassPktCounts);
 EXPORT_SYMBOL(g_pktprintfcout);
 EXPORT_SYMBOL(bypass_msg_getVCpuId);
 EXPORT_SYMBOL(bypass_proc_msg_multicore);
+
+/* Cause-ID steering tables and their statistics. */
+EXPORT_SYMBOL(g_bypass_ivo_lb_table);
+EXPORT_SYMBOL(g_bypass_deteption_lb_table);
+EXPORT_SYMBOL(g_stIvoDebugInfo);
+EXPORT_SYMBOL(g_bypass_ivo_stat_fop);
+EXPORT_SYMBOL(bypass_set_ivo_lb_table);
+EXPORT_SYMBOL(bypass_msg_get_ivo_vcpuid);
+EXPORT_SYMBOL(bypass_print_ivo_table_info);
+EXPORT_SYMBOL(bypass_proc_read_ivo_stat_info);
+EXPORT_SYMBOL(bypass_proc_write_ivo_stat_info);
+
+/* TIMNG. */
+EXPORT_SYMBOL(g_timngKernelInfo);
+EXPORT_SYMBOL(g_timngKernelInfoCnt);
+EXPORT_SYMBOL(g_TimngBoardType);
+EXPORT_SYMBOL(TIMNG_LB_InitKernel);
+EXPORT_SYMBOL(TIMNG_GetVcpuIdByCauseid);
 
 /* Debug buffer, commands and printers. */
 EXPORT_SYMBOL(g_ulDebugLevel);

@@ -9,6 +9,7 @@
 #include "drv_vane/entry.h"
 
 #include "bypass/config_internal.h"
+#include "bypass/steering_internal.h"
 #include "debug/debug_internal.h"
 #include "drv_vane/netlink.h"
 #include "drv_vane/proc.h"
@@ -16,6 +17,7 @@
 #include "kport/netlink.h"
 #include "kport/printk.h"
 #include "netlink/netlink_internal.h"
+#include "timng/timng_internal.h"
 
 namespace vane {
 namespace {
@@ -40,18 +42,31 @@ void release_channel(SUPP_NETLINK_KERNEL_S* rec) {
 
 extern "C" int bypass_dev_init(void) {
   using namespace vane;
+  // The per-processor counters come first: the packet path and the proc
+  // files count and sum them.
+  if (counters_create() != 0) return -KPORT_ENOMEM;
+  if (steering_stats_create() != 0) {
+    counters_destroy();
+    return -KPORT_ENOMEM;
+  }
   // The fragment tables join here, ahead of the proc files that show them.
   if (bypass_proc_init() != 0) {
     kport_printk(KPORT_LOGLEVEL_ALERT, "\r\nErr: bypass_proc_init inits failed.\r\n");
+    steering_stats_destroy();
+    counters_destroy();
     return -KPORT_ENOMEM;
   }
   if (debug_buffer_create() != 0) {
     bypass_proc_exit();
+    steering_stats_destroy();
+    counters_destroy();
     return -KPORT_ENOMEM;
   }
   if (capture_store_create() != 0) {
     debug_buffer_destroy();
     bypass_proc_exit();
+    steering_stats_destroy();
+    counters_destroy();
     return -KPORT_ENOMEM;
   }
   return 0;
@@ -64,6 +79,8 @@ extern "C" int bypass_dev_exit(void) {
   bypass_proc_exit();
   capture_store_destroy();
   debug_buffer_destroy();
+  steering_stats_destroy();
+  counters_destroy();
   return 0;
 }
 
@@ -98,12 +115,20 @@ extern "C" int vane_entry_init(void) {
   counters_reset();
   debug_out_reset();
   debug_settings_reset();
+  steering_init();
+  timng_init();
   int ret = netlink_dev_init();
-  if (ret != 0) config_exit();
+  if (ret != 0) {
+    timng_exit();
+    steering_exit();
+    config_exit();
+  }
   return ret;
 }
 
 extern "C" void vane_entry_exit(void) {
   (void)netlink_dev_exit();
+  vane::timng_exit();
+  vane::steering_exit();
   vane::config_exit();
 }

@@ -52,7 +52,7 @@ void TIMNG_LB_InitKernel(u32 ulMsgId, u8* pucMsg, u32 ulLen);
 
 /* Packet path, lock-free. Not master: TIMNG_VCPU_OK, nothing written.
  * Master and named: TIMNG_VCPU_OK, *pulVcpuCnt = 1, pucVcpuList[0] = node.
- * Otherwise TIMNG_VCPU_NOT_NAMED. */
+ * Otherwise (or, when master, a missing pointer) TIMNG_VCPU_NOT_NAMED. */
 u32 TIMNG_GetVcpuIdByCauseid(u16 usCauseId, u32* pulVcpuCnt, u8* pucVcpuList);
 
 /* Packet path: 1 when the packet is a UDP IPv4 fragment of a cause ID whose
