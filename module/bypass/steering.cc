@@ -5,9 +5,9 @@
 // takes the writers' spin lock with bottom halves off; the lookup runs on the
 // packet path on any processor, lock-free under the sequence count, and
 // retries if a writer changed the table under it.
+#include "drv_vane/steering.h"
 #include "base/seqcount.h"
 #include "bypass/steering_internal.h"
-#include "drv_vane/steering.h"
 #include "kport/cxx/guard.h"
 #include "kport/lock.h"
 #include "kport/printk.h"

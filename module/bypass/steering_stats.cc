@@ -73,8 +73,7 @@ void clear_table(u32 table) {
   kport_percpu_t* pcp = load_acquire(&g_hits_pcp);
   TableHits sums = {};
   if (pcp != nullptr) {
-    kport_percpu_sum_u32(pcp, offset_of(table, 0), reinterpret_cast<u32*>(&sums),
-                         kWordsPerTable);
+    kport_percpu_sum_u32(pcp, offset_of(table, 0), reinterpret_cast<u32*>(&sums), kWordsPerTable);
   }
   g_hits_baseline[table] = sums;
 }

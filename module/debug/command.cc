@@ -9,9 +9,9 @@
 #include "debug/debug_internal.h"
 #include "drv_vane/config.h"
 #include "drv_vane/debug.h"
-#include "drv_vane/steering.h"
 #include "drv_vane/dispatch.h"
 #include "drv_vane/netlink.h"
+#include "drv_vane/steering.h"
 #include "kport/printk.h"
 
 u64 g_ulLBType;

@@ -6,10 +6,10 @@
 // two of them can never take the same slot or lose a count. Entries and the
 // master flag are published under a sequence count; the packet path reads
 // them lock-free and retries when a message changed them under it.
+#include "drv_vane/timng.h"
 #include "base/seqcount.h"
 #include "drv_vane/debug.h"
 #include "drv_vane/netlink.h"
-#include "drv_vane/timng.h"
 #include "kport/cxx/guard.h"
 #include "kport/lock.h"
 #include "timng/timng_internal.h"

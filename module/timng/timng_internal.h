@@ -15,10 +15,10 @@ void timng_exit();
 
 // A consistent view of what the packet path needs. Packet path, lock-free.
 struct TimngView {
-  bool found = false;   // an entry names the cause ID
-  u32 node = 0;         // its nodeId
-  u32 frag_scan = 0;    // its isFragScan
-  u32 board_type = 0;   // g_TimngBoardType
+  bool found = false;  // an entry names the cause ID
+  u32 node = 0;        // its nodeId
+  u32 frag_scan = 0;   // its isFragScan
+  u32 board_type = 0;  // g_TimngBoardType
 };
 TimngView timng_lookup(u16 cause);
 

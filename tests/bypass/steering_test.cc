@@ -188,11 +188,11 @@ TEST_F(SteeringTest, CommandTwentyPrintsBothTables) {
     EXPECT_EQ(line.level, KPORT_LOGLEVEL_ALERT);
     text.push_back(line.text);
   }
-  EXPECT_EQ(text, (std::vector<std::string>{
-                      "\r\n********ivo lb table***********\r\n", "\r\nIvo  enable:1",
-                      "\r\nIvo  vcpuid:3", "\r\nIvo  causeid[0]:7", "\r\nIvo  causeid[1]:8",
-                      "\r\n\r\n********deteption lb table***********\r\n",
-                      "\r\nDeteption  enable:1", "\r\nDeteption  vcpuid:4"}));
+  EXPECT_EQ(text, (std::vector<std::string>{"\r\n********ivo lb table***********\r\n",
+                                            "\r\nIvo  enable:1", "\r\nIvo  vcpuid:3",
+                                            "\r\nIvo  causeid[0]:7", "\r\nIvo  causeid[1]:8",
+                                            "\r\n\r\n********deteption lb table***********\r\n",
+                                            "\r\nDeteption  enable:1", "\r\nDeteption  vcpuid:4"}));
 }
 
 // A writer flips the ivo table between two whole tables; every lookup must
