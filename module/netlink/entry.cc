@@ -10,6 +10,7 @@
 
 #include "bypass/config_internal.h"
 #include "debug/debug_internal.h"
+#include "drv_vane/frag.h"
 #include "drv_vane/netlink.h"
 #include "drv_vane/proc.h"
 #include "kport/errno.h"
@@ -40,18 +41,25 @@ void release_channel(SUPP_NETLINK_KERNEL_S* rec) {
 
 extern "C" int bypass_dev_init(void) {
   using namespace vane;
-  // The fragment tables join here, ahead of the proc files that show them.
+  // The fragment tables come ahead of the proc files that show them.
+  if (bypass_ipfrag_initHash() != 0) {
+    kport_printk(KPORT_LOGLEVEL_ALERT, "\r\nErr: hash table in kernel bypass inits failed.\r\n");
+    return -KPORT_ENOMEM;
+  }
   if (bypass_proc_init() != 0) {
     kport_printk(KPORT_LOGLEVEL_ALERT, "\r\nErr: bypass_proc_init inits failed.\r\n");
+    bypass_ipfrag_exitHash();
     return -KPORT_ENOMEM;
   }
   if (debug_buffer_create() != 0) {
     bypass_proc_exit();
+    bypass_ipfrag_exitHash();
     return -KPORT_ENOMEM;
   }
   if (capture_store_create() != 0) {
     debug_buffer_destroy();
     bypass_proc_exit();
+    bypass_ipfrag_exitHash();
     return -KPORT_ENOMEM;
   }
   return 0;
@@ -64,6 +72,9 @@ extern "C" int bypass_dev_exit(void) {
   bypass_proc_exit();
   capture_store_destroy();
   debug_buffer_destroy();
+  // The sockets are closed and the files gone, so only the ageing timer can
+  // still reach the tables; this stops it before they are freed.
+  bypass_ipfrag_exitHash();
   return 0;
 }
 
