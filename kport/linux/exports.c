@@ -11,9 +11,11 @@
 
 #include "drv_vane/capture.h"
 #include "drv_vane/config.h"
+#include "drv_vane/container.h"
 #include "drv_vane/debug.h"
 #include "drv_vane/dispatch.h"
 #include "drv_vane/entry.h"
+#include "drv_vane/frag.h"
 #include "drv_vane/higig2.h"
 #include "drv_vane/netlink.h"
 #include "drv_vane/parser.h"
@@ -110,3 +112,47 @@ EXPORT_SYMBOL(bypass_proc_write_debugLevel);
 
 /* Capture store. */
 EXPORT_SYMBOL(g_pstCatchPktData);
+
+/* Lists and hash tables. */
+EXPORT_SYMBOL(LIST_InitNew);
+EXPORT_SYMBOL(LIST_AppendNode);
+EXPORT_SYMBOL(LIST_FindNodeFromHead);
+EXPORT_SYMBOL(LIST_RemoveHeadNode);
+EXPORT_SYMBOL(LIST_RemoveTailNode);
+EXPORT_SYMBOL(LIST_RemoveNodeByKey);
+EXPORT_SYMBOL(HASH_CreateNew);
+EXPORT_SYMBOL(HASH_Destroy);
+EXPORT_SYMBOL(HASH_NewData);
+EXPORT_SYMBOL(HASH_FreeData);
+EXPORT_SYMBOL(HASH_AddNode);
+EXPORT_SYMBOL(HASH_AddNode_LB_New);
+EXPORT_SYMBOL(HASH_FindElemFromFirstList);
+EXPORT_SYMBOL(HASH_FindElemFromFirstList_LB_New);
+EXPORT_SYMBOL(HASH_RemoveElmtByKey);
+EXPORT_SYMBOL(HASH_RemoveElmtByKey_LB_New);
+EXPORT_SYMBOL(HASH_RemoveNodeByAddress);
+
+/* Fragment tables, their ageing and their dumps. */
+EXPORT_SYMBOL(g_bypass_ipV4FragHash);
+EXPORT_SYMBOL(g_bypass_ipV6FragHash);
+EXPORT_SYMBOL(g_bypassTimeInitedV4);
+EXPORT_SYMBOL(g_bypassTimeInitedV6);
+EXPORT_SYMBOL(g_pBypassIpv4TotalInfo);
+EXPORT_SYMBOL(g_pBypassIpv6TotalInfo);
+EXPORT_SYMBOL(g_bypass_proc_hashInfoIpv4_fop);
+EXPORT_SYMBOL(g_bypass_proc_hashInfoIpv6_fop);
+EXPORT_SYMBOL(bypass_ipfrag_initHash);
+EXPORT_SYMBOL(bypass_ipfrag_exitHash);
+EXPORT_SYMBOL(bypass_ipfrag_addInHash);
+EXPORT_SYMBOL(bypass_ipfrag_addInHashPub);
+EXPORT_SYMBOL(bypass_ipfrag_findVcpuInHash);
+EXPORT_SYMBOL(bypass_ipfrag_delInHash);
+EXPORT_SYMBOL(bypass_ipfrag_findInHash);
+EXPORT_SYMBOL(bypass_ipv4frag_hashkey);
+EXPORT_SYMBOL(bypass_ipv6frag_hashkey);
+EXPORT_SYMBOL(bypass_ipv4frag_hashmatch);
+EXPORT_SYMBOL(bypass_ipv6frag_hashmatch);
+EXPORT_SYMBOL(bypass_ipv4frag_timer_callback);
+EXPORT_SYMBOL(bypass_ipv6frag_timer_callback);
+EXPORT_SYMBOL(bypass_proc_readHashInfoIpv4);
+EXPORT_SYMBOL(bypass_proc_readHashInfoIpv6);

@@ -9,6 +9,7 @@
 #include "debug/debug_internal.h"
 #include "drv_vane/debug.h"
 #include "drv_vane/dispatch.h"
+#include "drv_vane/frag.h"
 #include "drv_vane/steering.h"
 #include "kport/errno.h"
 #include "kport/mem.h"
@@ -39,6 +40,10 @@ struct ProcFile {
 constexpr ProcFile kFiles[] = {
     {"counts", 0666, &g_bypass_proc_counts_fop,
      "\r\nErr: create subdir in /proc/bypassDebug/counts failed."},
+    {"hashInfoIpv4", 0444, &g_bypass_proc_hashInfoIpv4_fop,
+     "\r\nErr: create subdir in /proc/bypassDebug/hashinfo failed."},
+    {"hashInfoIpv6", 0444, &g_bypass_proc_hashInfoIpv6_fop,
+     "\r\nErr: create subdir in /proc/bypassDebug/hashinfo failed."},
     {"debug", 0666, &g_bypass_proc_debug_fop,
      "\r\nErr: create subdir in /proc/bypassDebug/feature failed."},
     {"ivo", 0666, &g_bypass_ivo_stat_fop,

@@ -11,6 +11,7 @@
 #include "bypass/config_internal.h"
 #include "bypass/steering_internal.h"
 #include "debug/debug_internal.h"
+#include "drv_vane/frag.h"
 #include "drv_vane/netlink.h"
 #include "drv_vane/proc.h"
 #include "kport/errno.h"
@@ -49,15 +50,23 @@ extern "C" int bypass_dev_init(void) {
     counters_destroy();
     return -KPORT_ENOMEM;
   }
-  // The fragment tables join here, ahead of the proc files that show them.
+  // The fragment tables come ahead of the proc files that show them.
+  if (bypass_ipfrag_initHash() != 0) {
+    kport_printk(KPORT_LOGLEVEL_ALERT, "\r\nErr: hash table in kernel bypass inits failed.\r\n");
+    steering_stats_destroy();
+    counters_destroy();
+    return -KPORT_ENOMEM;
+  }
   if (bypass_proc_init() != 0) {
     kport_printk(KPORT_LOGLEVEL_ALERT, "\r\nErr: bypass_proc_init inits failed.\r\n");
+    bypass_ipfrag_exitHash();
     steering_stats_destroy();
     counters_destroy();
     return -KPORT_ENOMEM;
   }
   if (debug_buffer_create() != 0) {
     bypass_proc_exit();
+    bypass_ipfrag_exitHash();
     steering_stats_destroy();
     counters_destroy();
     return -KPORT_ENOMEM;
@@ -65,6 +74,7 @@ extern "C" int bypass_dev_init(void) {
   if (capture_store_create() != 0) {
     debug_buffer_destroy();
     bypass_proc_exit();
+    bypass_ipfrag_exitHash();
     steering_stats_destroy();
     counters_destroy();
     return -KPORT_ENOMEM;
@@ -79,6 +89,9 @@ extern "C" int bypass_dev_exit(void) {
   bypass_proc_exit();
   capture_store_destroy();
   debug_buffer_destroy();
+  // The sockets are closed and the files gone, so only the ageing timer can
+  // still reach the tables; this stops it before they are freed.
+  bypass_ipfrag_exitHash();
   steering_stats_destroy();
   counters_destroy();
   return 0;

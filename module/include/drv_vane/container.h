@@ -86,8 +86,7 @@ KPORT_EXTERN_C_BEGIN
 /* Lists (no lock). */
 u32 LIST_InitNew(LIST_HEAD_S* pstList, u16 usElemSize, HASH_MATCH_PFN pfnMatch);
 u32 LIST_AppendNode(LIST_HEAD_S* pstList, void* pData);
-LIST_NODE_S* LIST_FindNodeFromHead(LIST_HEAD_S* pstList, const void* pKey,
-                                   HASH_MATCH_PFN pfnMatch);
+LIST_NODE_S* LIST_FindNodeFromHead(LIST_HEAD_S* pstList, const void* pKey, HASH_MATCH_PFN pfnMatch);
 void* LIST_RemoveHeadNode(LIST_HEAD_S* pstList);
 void* LIST_RemoveTailNode(LIST_HEAD_S* pstList);
 void* LIST_RemoveNodeByKey(LIST_HEAD_S* pstList, const void* pKey, HASH_MATCH_PFN pfnMatch);
@@ -97,9 +96,9 @@ void* LIST_RemoveNodeByKey(LIST_HEAD_S* pstList, const void* pKey, HASH_MATCH_PF
  * tick count at creation; the period 500 ticks; the timer not armed. */
 HASH_TABLE_S* HASH_CreateNew(u16 usElemSize, u64 ulBucketNum, HASH_KEY_PFN pfnHashKey,
                              HASH_MATCH_PFN pfnMatch);
-/* Stops the table's timer (waiting for a running callback), frees every
- * record and node, then the table. The caller guarantees that nothing else
- * uses the table any more. Process context; never from the timer itself. */
+/* Frees every record and node, then the table. The owner has already
+ * stopped the table's timer (kport_timer_del_sync) if it ever armed it, and
+ * nothing else uses the table any more. Process context. */
 void HASH_Destroy(HASH_TABLE_S* pstTable);
 void* HASH_NewData(HASH_TABLE_S* pstTable);
 u32 HASH_FreeData(HASH_TABLE_S* pstTable, void* pData);

@@ -86,8 +86,8 @@ KPORT_EXTERN_C_BEGIN
 
 extern HASH_TABLE_S* g_bypass_ipV4FragHash;
 extern HASH_TABLE_S* g_bypass_ipV6FragHash;
-extern u8 g_bypassTimeInitedV4; /* 1 once the IPv4 ageing timer is armed */
-extern u8 g_bypassTimeInitedV6; /* never set: nothing enters the IPv6 table */
+extern u8 g_bypassTimeInitedV4;    /* 1 once the IPv4 ageing timer is armed */
+extern u8 g_bypassTimeInitedV6;    /* never set: nothing enters the IPv6 table */
 extern u8* g_pBypassIpv4TotalInfo; /* dump buffers, made at their first read */
 extern u8* g_pBypassIpv6TotalInfo;
 extern const struct kport_proc_ops g_bypass_proc_hashInfoIpv4_fop;
