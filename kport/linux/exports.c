@@ -81,6 +81,7 @@ EXPORT_SYMBOL(g_timngKernelInfoCnt);
 EXPORT_SYMBOL(g_TimngBoardType);
 EXPORT_SYMBOL(TIMNG_LB_InitKernel);
 EXPORT_SYMBOL(TIMNG_GetVcpuIdByCauseid);
+EXPORT_SYMBOL(TIMNG_IsIpFragPacket);
 
 /* Debug buffer, commands and printers. */
 EXPORT_SYMBOL(g_ulDebugLevel);

@@ -1,18 +1,23 @@
-// Per-processor data in user space: one cache-line-aligned block per
-// configured processor, chosen by sched_getcpu() at each add.
+// Per-processor data in user space, kept per thread: each thread that adds
+// gets a cache-line-aligned slot of its own in the block set, and only that
+// thread ever writes it, so an add is a plain load and store (no locked
+// instruction, no line shared with another writer).
 //
-// Why per processor rather than per thread: the module has no hook at
-// thread start or exit, so per-thread slots would need a registry that the
-// packet path searches or grows, and a reader racing a thread's exit. A
-// processor index is free (glibc answers sched_getcpu() from rseq without a
-// system call) and bounded. A thread may migrate between reading its index
-// and adding, so two threads can meet in one block now and then: the add is
-// therefore a relaxed atomic add, which costs the same as a plain one while
-// the line stays local, and keeps every count exact.
-#include <sched.h>
-#include <unistd.h>
-
+// Why per thread rather than per processor (sched_getcpu()): a thread can
+// migrate or be preempted between choosing a processor's slot and adding, so
+// per-processor slots in user space need an atomic read-modify-write on
+// every add to stay exact, which costs about as much as the rest of a
+// decision. A thread's own slot needs none. Readers sum every slot under the
+// block set's mutex.
+//
+// A thread finds its slot through a small thread-local cache keyed by the
+// block set's serial number (an address may be reused by a later load). Its
+// first add to a block set takes the mutex and claims a slot: one released
+// by a thread that has exited, or a new one. Slots keep their counts when
+// their thread exits, so sums never go back.
 #include <cstdlib>
+#include <mutex>
+#include <vector>
 
 #include "internal.h"
 #include "kport/percpu.h"
@@ -20,20 +25,23 @@
 namespace {
 
 constexpr size_t kLine = 64;
+constexpr int kCacheWays = 8;
 
 size_t RoundUp(size_t n) { return (n + kLine - 1) / kLine * kLine; }
+
+struct Slot {
+  unsigned char* words;  // size bytes, cache-line aligned
+  bool owned;            // under the block set's mutex
+};
 
 }  // namespace
 
 struct kport_percpu {
   size_t size;
-  size_t stride;  // size rounded up to whole cache lines
-  unsigned ncpu;
-  unsigned char* blocks;
+  unsigned long serial;
+  std::mutex mu;
+  std::vector<Slot*> slots;  // under mu
 
-  u32* Counter(unsigned cpu, size_t offset) const {
-    return reinterpret_cast<u32*>(blocks + cpu * stride + offset);
-  }
   void Check(size_t offset, size_t count) const {
     if (offset % sizeof(u32) != 0 || offset > size || count > (size - offset) / sizeof(u32)) {
       kport::user::internal::Fatal("percpu: u32 range at %zu (+%zu) outside a %zu-byte block",
@@ -41,6 +49,76 @@ struct kport_percpu {
     }
   }
 };
+
+namespace {
+
+// Block sets alive, so that an exiting thread releases only slots that
+// still exist.
+std::mutex& Registry() {
+  static auto* mu = new std::mutex;  // never destroyed: threads exit late
+  return *mu;
+}
+std::vector<kport_percpu*>& Live() {
+  static auto* live = new std::vector<kport_percpu*>;
+  return *live;
+}
+unsigned long g_next_serial = 1;  // under Registry()
+
+struct CacheEntry {
+  kport_percpu* pcp = nullptr;
+  unsigned long serial = 0;
+  Slot* slot = nullptr;
+};
+
+// The calling thread's slots; released for reuse when the thread exits.
+struct ThreadSlots {
+  CacheEntry ways[kCacheWays];
+  int next = 0;
+  ~ThreadSlots() {
+    std::lock_guard reg(Registry());
+    for (CacheEntry& e : ways) {
+      if (e.slot == nullptr) continue;
+      for (kport_percpu* pcp : Live()) {
+        if (pcp == e.pcp && pcp->serial == e.serial) {
+          std::lock_guard lock(pcp->mu);
+          e.slot->owned = false;
+        }
+      }
+    }
+  }
+};
+thread_local ThreadSlots t_slots;
+
+Slot* Claim(kport_percpu* pcp) {
+  std::lock_guard lock(pcp->mu);
+  for (Slot* s : pcp->slots) {
+    if (!s->owned) {
+      s->owned = true;
+      return s;
+    }
+  }
+  auto* s =
+      new Slot{static_cast<unsigned char*>(std::aligned_alloc(kLine, RoundUp(pcp->size))), true};
+  if (s->words == nullptr) kport::user::internal::Fatal("percpu: out of memory for a slot");
+  __builtin_memset(s->words, 0, RoundUp(pcp->size));
+  pcp->slots.push_back(s);
+  return s;
+}
+
+Slot* SlotOf(kport_percpu* pcp) {
+  ThreadSlots& t = t_slots;
+  for (CacheEntry& e : t.ways) {
+    if (e.pcp == pcp && e.serial == pcp->serial) return e.slot;
+  }
+  Slot* s = Claim(pcp);
+  // A thread that adds to more block sets than the cache holds keeps
+  // claiming slots; the module uses two.
+  t.ways[t.next] = CacheEntry{pcp, pcp->serial, s};
+  t.next = (t.next + 1) % kCacheWays;
+  return s;
+}
+
+}  // namespace
 
 using kport::user::internal::CountAlloc;
 using kport::user::internal::CountFree;
@@ -50,42 +128,45 @@ extern "C" {
 
 kport_percpu_t* kport_percpu_alloc(size_t size) {
   if (ShouldFail(kport::user::fault::Site::kAlloc)) return nullptr;
-  long conf = sysconf(_SC_NPROCESSORS_CONF);
-  unsigned ncpu = conf > 0 ? static_cast<unsigned>(conf) : 1;
-  size_t stride = RoundUp(size == 0 ? 1 : size);
-  void* mem = std::aligned_alloc(kLine, stride * ncpu);
-  auto* pcp = static_cast<kport_percpu*>(std::malloc(sizeof(kport_percpu)));
-  if (mem == nullptr || pcp == nullptr) {
-    std::free(mem);
-    std::free(pcp);
-    return nullptr;
+  auto* pcp = new kport_percpu;
+  pcp->size = size;
+  {
+    std::lock_guard reg(Registry());
+    pcp->serial = g_next_serial++;
+    Live().push_back(pcp);
   }
-  __builtin_memset(mem, 0, stride * ncpu);
-  *pcp = kport_percpu{size, stride, ncpu, static_cast<unsigned char*>(mem)};
   CountAlloc();
   return pcp;
 }
 
 void kport_percpu_free(kport_percpu_t* pcp) {
   if (pcp == nullptr) return;
-  std::free(pcp->blocks);
-  std::free(pcp);
+  {
+    std::lock_guard reg(Registry());
+    std::erase(Live(), pcp);
+  }
+  for (Slot* s : pcp->slots) {
+    std::free(s->words);
+    delete s;
+  }
+  delete pcp;
   CountFree();
 }
 
 void kport_percpu_add_u32(kport_percpu_t* pcp, size_t offset, u32 value) {
   pcp->Check(offset, 1);
-  int cpu = sched_getcpu();
-  // Processors brought online after the allocation fold onto the others.
-  unsigned slot = cpu < 0 ? 0 : static_cast<unsigned>(cpu) % pcp->ncpu;
-  __atomic_fetch_add(pcp->Counter(slot, offset), value, __ATOMIC_RELAXED);
+  auto* counter = reinterpret_cast<u32*>(SlotOf(pcp)->words + offset);
+  // Only this thread writes the slot; readers load it whole.
+  __atomic_store_n(counter, __atomic_load_n(counter, __ATOMIC_RELAXED) + value, __ATOMIC_RELAXED);
 }
 
 void kport_percpu_sum_u32(const kport_percpu_t* pcp, size_t offset, u32* out, size_t count) {
   pcp->Check(offset, count);
   for (size_t i = 0; i < count; ++i) out[i] = 0;
-  for (unsigned cpu = 0; cpu < pcp->ncpu; ++cpu) {
-    const u32* block = pcp->Counter(cpu, offset);
+  auto* self = const_cast<kport_percpu*>(pcp);
+  std::lock_guard lock(self->mu);
+  for (const Slot* s : self->slots) {
+    const auto* block = reinterpret_cast<const u32*>(s->words + offset);
     for (size_t i = 0; i < count; ++i) out[i] += __atomic_load_n(&block[i], __ATOMIC_RELAXED);
   }
 }

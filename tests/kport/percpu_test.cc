@@ -28,7 +28,7 @@ TEST(Percpu, SumsAreExactUnderConcurrentAddsFromManyThreads) {
     threads.emplace_back([pcp, t] {
       for (u32 i = 0; i < kAdds; ++i) {
         kport_percpu_add_u32(pcp, (i % kWords) * sizeof(u32), 1);
-        if (i % 64 == 0) std::this_thread::yield();  // invite migrations
+        if (i % 64 == 0) std::this_thread::yield();
       }
       kport_percpu_add_u32(pcp, 19 * sizeof(u32), static_cast<u32>(t));
     });
@@ -50,6 +50,16 @@ TEST(Percpu, SumsAreExactUnderConcurrentAddsFromManyThreads) {
   u32 one = 0;
   kport_percpu_sum_u32(pcp, 19 * sizeof(u32), &one, 1);
   EXPECT_EQ(one, sums[19]);
+
+  // Threads that exited left their counts behind; new threads adding to
+  // the same block set build on them.
+  threads.clear();
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([pcp] { kport_percpu_add_u32(pcp, 0, 5); });
+  }
+  for (auto& th : threads) th.join();
+  kport_percpu_sum_u32(pcp, 0, &one, 1);
+  EXPECT_EQ(one, sums[0] + kThreads * 5);
   kport_percpu_free(pcp);
   EXPECT_EQ(kport::user::LiveAllocations(), live);
 }

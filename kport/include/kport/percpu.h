@@ -1,6 +1,7 @@
 /* Per-processor data: one zeroed block of the same size for every possible
- * processor. The packet path adds to the block of the processor it runs on,
- * so no cache line is written by two processors; a reader sums the blocks.
+ * processor (the kernel's per-CPU allocator), or, in user space, for every
+ * thread that adds. The packet path adds to its own block, so no cache line
+ * is written by two processors; a reader sums the blocks.
  *
  * Only 32-bit counters at 4-byte-aligned offsets are supported: that is all
  * the module keeps per processor, and a sum of wrapping 32-bit counters is
