@@ -63,6 +63,18 @@ EXPORT_SYMBOL(g_bypassPktCounts);
 EXPORT_SYMBOL(g_pktprintfcout);
 EXPORT_SYMBOL(bypass_msg_getVCpuId);
 EXPORT_SYMBOL(bypass_proc_msg_multicore);
+EXPORT_SYMBOL(bypass_msg_get_causeid);
+EXPORT_SYMBOL(bypass_getvcpu_by_Five);
+EXPORT_SYMBOL(bypass_getSessionId);
+EXPORT_SYMBOL(bypass_msg_get_ecmvp_pkt_vcpu);
+
+/* WLAN load-balancing lookups. */
+EXPORT_SYMBOL(WLAN_LB_IsNeedLBPkt);
+EXPORT_SYMBOL(WLAN_LB_GetPktVCPUID);
+EXPORT_SYMBOL(WLAN_LB_GetVCPUIDByCAPWAPKey);
+EXPORT_SYMBOL(WLAN_LB_GetVCPUIDByCAPWAPSessionidKey);
+EXPORT_SYMBOL(WLAN_LB_GetAAAAccessVcpuID);
+EXPORT_SYMBOL(WLAN_LB_GetAAAPortVcpuID);
 
 /* Cause-ID steering tables and their statistics. */
 EXPORT_SYMBOL(g_bypass_ivo_lb_table);
