@@ -8,14 +8,17 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "drv_vane/config.h"
+#include "drv_vane/debug.h"
 #include "drv_vane/dispatch.h"
 #include "drv_vane/netlink.h"
 #include "drv_vane/steering.h"
 #include "drv_vane/timng.h"
 #include "drv_vane/wlan_lb.h"
+#include "kport/user/testing.h"
 #include "support/frames.h"
 #include "support/module_env.h"
 #include "support/packet_builder.h"
@@ -234,6 +237,43 @@ TEST_F(CascadeTest, TruncatedVpFramesFailTheirTestsInsteadOfBeingReadPastTheirEn
   direct = Vp(1, 7, BYPASS_FIRST_FRAG_MARK, true, 0);
   direct.resize(12 + kHead + 15);
   EXPECT_EQ(SendAndWhere(direct), 7);
+}
+
+TEST_F(CascadeTest, TimngScanFragmentsGoToTheDefaultReceiverAheadOfTimngAndWlan) {
+  Timng(kCause, 3, 1);
+  auto frag = [](bool mf, uint16_t off) {
+    PacketBuilder b;
+    b.prefix(1, 0, kMcEth)
+        .bytes(Head(kCause))
+        .ethernet(Mac("00:11:22:33:44:55"), Mac("00:00:5e:00:01:02"))
+        .ipv4({.src = Ipv4Addr("10.1.1.1"),
+               .dst = Ipv4Addr("10.1.1.2"),
+               .protocol = 17,
+               .id = 9,
+               .mf = mf,
+               .frag_offset = off});
+    return b.payload(24).build();
+  };
+  EXPECT_EQ(SendAndWhere(frag(true, 0)), 0);
+  EXPECT_EQ(SendAndWhere(frag(true, 3)), 0);
+  EXPECT_EQ(SendAndWhere(frag(false, 6)), 0);
+  EXPECT_EQ(NonZero(), (std::map<uint32_t, uint32_t>{{0, 6}}));
+  EXPECT_EQ(wlan_.lookups, 0);
+  // The same cause ID unfragmented is TIMNG's own vCPU.
+  EXPECT_EQ(SendAndWhere(Plain(kCause)), 3);
+}
+
+TEST_F(CascadeTest, AFirstFragmentTheTableCannotTakeStillGoesToItsVcpu) {
+  namespace fault = kport::user::fault;
+  SetDebugLevel(BYPASS_DEBUG_LEVEL_ERR);
+  fault::FailNth(fault::Site::kAlloc, 1);
+  EXPECT_EQ(SendAndWhere(Vp(1, 12, BYPASS_FIRST_FRAG_MARK, true, 0)), 12);
+  fault::ClearAll();
+  EXPECT_NE(DebugText().find("\r\nPacket addInHash fail.ret=101,"), std::string::npos)
+      << DebugText();
+  // Its later fragments have lost their way; nothing was left behind (the
+  // fixture checks every allocation is returned).
+  EXPECT_EQ(SendAndWhere(Vp(1, 61, 0, true, 3)), 0);
 }
 
 }  // namespace
