@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "drv_vane/config.h"
@@ -274,6 +275,45 @@ TEST_F(CascadeTest, AFirstFragmentTheTableCannotTakeStillGoesToItsVcpu) {
   // Its later fragments have lost their way; nothing was left behind (the
   // fixture checks every allocation is returned).
   EXPECT_EQ(SendAndWhere(Vp(1, 61, 0, true, 3)), 0);
+}
+
+TEST_F(CascadeTest, ConcurrentDecisionsAndTableWritesLoseNoCount) {
+  constexpr int kThreads = 3;
+  constexpr uint32_t kRounds = 2000;
+  Ivo(9, {77});
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([t] {
+      const auto vcpu = static_cast<uint8_t>(20 + t);
+      Bytes vp = Vp(1, vcpu, 0, false, 0);
+      Bytes steered = Plain(77);
+      Bytes first = Vp(1, vcpu, BYPASS_FIRST_FRAG_MARK, true, 0);
+      Bytes middle = Vp(1, 61, 0, true, 3);
+      for (uint32_t i = 0; i < kRounds; ++i) {
+        uint32_t count = 0;
+        uint8_t list[BYPASS_VCPU_LIST_MAX] = {};
+        bypass_msg_getVCpuId(vp.data(), static_cast<uint32_t>(vp.size()), &count, list);
+        bypass_msg_getVCpuId(steered.data(), static_cast<uint32_t>(steered.size()), &count, list);
+        // Fragment traffic on a datagram every thread shares.
+        bypass_msg_getVCpuId(first.data(), static_cast<uint32_t>(first.size()), &count, list);
+        bypass_msg_getVCpuId(middle.data(), static_cast<uint32_t>(middle.size()), &count, list);
+      }
+    });
+  }
+  // The table is rewritten whole meanwhile (same vCPU, so every hit is 9).
+  for (uint32_t i = 0; i < 200; ++i) Ivo(9, {77, static_cast<uint16_t>(i)});
+  for (auto& th : threads) th.join();
+  const std::vector<uint32_t> c = Counters();
+  uint32_t middles = 0;
+  for (int t = 0; t < kThreads; ++t) {
+    // Direct and first fragment, plus the middle fragments that found this
+    // thread's vCPU in the shared datagram's entry: once as VP, once as vCPU.
+    EXPECT_EQ(c[BYPASS_PKT_COUNT_VP_BASE + 20 + t], c[20 + t]);
+    ASSERT_GE(c[20 + t], 2 * kRounds);
+    middles += c[20 + t] - 2 * kRounds;
+  }
+  EXPECT_EQ(c[9], 2 * kThreads * kRounds);
+  EXPECT_EQ(middles, kThreads * kRounds);  // every middle fragment found the datagram
 }
 
 }  // namespace
