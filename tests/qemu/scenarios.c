@@ -730,6 +730,29 @@ static int sc_steering_and_timng(void) {
   return 1;
 }
 
+/* The fragment table dumps of a freshly loaded module: fixed-size images
+ * whose record count is 0, read in pieces. */
+static int dump_size(const char* path, size_t want) {
+  static uint8_t img[40004 + 1];
+  size_t total = 0;
+  ssize_t n;
+  int fd = open(path, O_RDONLY);
+
+  CHECK(fd >= 0, "cannot open %s", path);
+  while ((n = read(fd, img + total, 1000)) > 0 && total + (size_t)n <= sizeof(img)) total += n;
+  close(fd);
+  CHECK(n == 0, "%s: read failed", path);
+  CHECK(total == want, "%s: %zu bytes, not %zu", path, total, want);
+  CHECK(img[0] == 0 && img[1] == 0, "%s: %u records", path, img[0] | (img[1] << 8));
+  return 1;
+}
+
+static int sc_fragment_dumps(void) {
+  if (!dump_size("/proc/bypassDebug/hashInfoIpv4", 16004)) return because("IPv4");
+  if (!dump_size("/proc/bypassDebug/hashInfoIpv6", 40004)) return because("IPv6");
+  return 1;
+}
+
 /* Concurrency smoke: control messages from several processes and packets
  * from several writers at once, for SMOKE_MS; no acknowledgement may be
  * lost or wrong, and every handler call must be counted. */
@@ -888,6 +911,7 @@ int main(int argc, char** argv) {
   run("ecm-to-vcpu-worker", sc_ecm_to_vcpu_worker);
   run("debug-buffer", sc_debug_buffer);
   run("steering-and-timng", sc_steering_and_timng);
+  run("fragment-dumps", sc_fragment_dumps);
   run("concurrency-smoke", sc_concurrency_smoke);
 
   /* The kernel holds a reference on drv_vane for every open socket of its
