@@ -11,7 +11,7 @@
 namespace vane::fuzz {
 namespace {
 
-constexpr int kProtocols[2] = {26, 27};
+constexpr int kProtocols[2] = {NETLINK_VANE_PROTO, NETLINK_VANE_FAST_PROTO};
 
 [[noreturn]] void Die(const char* why) {
   std::fprintf(stderr, "fuzz: %s\n", why);
@@ -38,6 +38,11 @@ std::vector<uint8_t> Message(uint32_t id, std::span<const uint8_t> payload) {
 FreshModule::FreshModule() {
   kport::user::fault::ClearAll();
   kport::user::klog::Clear();
+  // Time moves only when an input says so, from the same instant each time:
+  // a timer firing on a thread of its own would make a finding depend on
+  // when it ran rather than on its input.
+  kport::user::clock::UseManual();
+  kport::user::clock::FixWallClock(1700000000, 0);
   live_before_ = kport::user::LiveAllocations();
   if (vane_entry_init() != 0) Die("the module does not load");
   const uint32_t pids[3] = {kWorkerA, kWorkerB, kStranger};
@@ -47,14 +52,21 @@ FreshModule::FreshModule() {
       if (!sockets_[w][p]) Die("a worker socket does not open");
     }
   }
-  for (uint32_t channel = 0; channel < 2; ++channel) {
+  for (int protocol : kProtocols) {
     for (uint32_t vcpu = 0; vcpu <= 8; ++vcpu) {
-      const uint32_t reg[2] = {channel, vcpu};
-      kport::user::UserSocket& s = socket(vcpu <= 4 ? 0 : 1, 26);
+      // Message 0 names the channel by its protocol number.
+      const uint32_t reg[2] = {static_cast<uint32_t>(protocol), vcpu};
+      kport::user::UserSocket& s = socket(vcpu <= 4 ? 0 : 1, NETLINK_VANE_PROTO);
       s.Send(Message(NETLINK_MID_PID, {reinterpret_cast<const uint8_t*>(reg), sizeof(reg)}));
     }
   }
   Drain();
+  // The module acknowledges a registration it ignores, so only the channel
+  // records tell that the workers are there for the packets to reach.
+  for (const SUPP_NETLINK_KERNEL_S* rec : {&g_supp_netlink_kernel, &g_supp_fast_netlink_kernel}) {
+    if (rec->ulPid != kWorkerA || rec->aulVcpuPid[8] != kWorkerB)
+      Die("the workers did not register");
+  }
 }
 
 FreshModule::~FreshModule() {
@@ -65,6 +77,7 @@ FreshModule::~FreshModule() {
   }
   if (kport::user::LiveAllocations() != live_before_) Die("the unload leaked allocations");
   if (kport::user::KernelSocketCount() != 0) Die("the unload left a kernel socket");
+  if (kport::user::clock::PendingTimers() != 0) Die("the unload left a timer armed");
   for (const std::string& path : kport::user::vfs::List()) {
     std::fprintf(stderr, "fuzz: left registered: %s\n", path.c_str());
     Die("the unload left a proc or sysfs entry");
@@ -77,6 +90,11 @@ kport::user::UserSocket& FreshModule::socket(unsigned worker, int protocol) {
 
 void FreshModule::Control(uint32_t id, std::span<const uint8_t> payload) {
   socket(0, 26).Send(Message(id, payload));
+  Drain();
+}
+
+void FreshModule::Advance(unsigned long ticks) {
+  kport::user::clock::Advance(ticks);
   Drain();
 }
 

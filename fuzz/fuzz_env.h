@@ -4,8 +4,9 @@
 //
 // Each input runs against a module loaded for it alone and unloaded after
 // it, so a finding reproduces from its input by itself. The unload must give
-// back every allocation and registration; a leak aborts, which libFuzzer
-// reports as a crash of that input.
+// back every allocation, registration and timer; a leak aborts, which
+// libFuzzer reports as a crash of that input. The clock is manual and
+// starts at the same instant for every input.
 #ifndef VANE_FUZZ_FUZZ_ENV_H
 #define VANE_FUZZ_FUZZ_ENV_H
 
@@ -35,6 +36,8 @@ class FreshModule {
   kport::user::UserSocket& socket(unsigned worker, int protocol);
   // Sends a control message (id, payload) from worker A on protocol 26.
   void Control(uint32_t id, std::span<const uint8_t> payload);
+  // Moves the manual clock on, firing the timers that fall due.
+  void Advance(unsigned long ticks);
   // Throws away whatever the workers were sent.
   void Drain();
 

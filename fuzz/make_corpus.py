@@ -101,8 +101,8 @@ def write(target, name, data):
 def main():
     # Control messages, one seed per id family, from each sender and channel.
     ctrl = {
-        'register': control(0, u32(0) + u32(0)) + b'',
-        'register_vcpu': control(0, u32(1) + u32(7)),
+        'register': control(0, u32(26) + u32(0)),
+        'register_vcpu': control(0, u32(27) + u32(7)),
         'config': control(5, config()),
         'debug_level': control(6, bytes([12, 0, 0, 0])),
         'handler_id3': control(3, b'\x01\x02\x03\x04'),
@@ -116,14 +116,17 @@ def main():
     for name, msg in ctrl.items():
         write('control', name, bytes([0]) + block(msg) + bytes([3]) + block(msg))
     # Packets under configurations.
-    for cname, cfg in (('hg', config()), ('nohg', config(no_hg=1)),
-                       ('vpfrag', config(board=37)), ('ecmvponly', config(ecm_vp_only=1, no_hg=1))):
+    # The first family also turns on the per-packet trace and packet dumps.
+    for cname, cfg, debug in (('hg', config(), 0x84), ('nohg', config(no_hg=1), 0),
+                              ('vpfrag', config(board=37), 0),
+                              ('ecmvponly', config(ecm_vp_only=1, no_hg=1), 0)):
         for i, (sel, typ, buf) in enumerate(packets()):
-            write('packet', '%s_%02d' % (cname, i), cfg + bytes([sel]) + u32(typ) + block(buf))
+            write('packet', '%s_%02d' % (cname, i),
+                  cfg + bytes([debug, sel]) + u32(typ) + block(buf))
     # Files: read each of the first files whole, write levels, with traffic.
     ops = b''
     for f in range(8):
-        ops += bytes([0, f]) + u32(70000) + u32(0)
+        ops += bytes([0, f]) + u32(0x80000000 | 70000) + u32(0)  # top bit: past a page
     ops += bytes([1, 1]) + u32(4) + u32(0) + block(u32(4))
     ops += bytes([2]) + u32(5) + block(config())
     ops += bytes([3]) + block(list(packets())[0][2])

@@ -4,7 +4,8 @@
 set -euo pipefail
 
 packages=(cmake ninja-build g++ make binutils libgtest-dev libgmock-dev libbenchmark-dev
-          clang clang-format clang-tidy python3)
+          clang clang-format clang-tidy python3
+          sparse libclang-rt-14-dev)  # sparse.sh; libFuzzer's runtime for fuzz.sh
 
 missing=()
 for p in "${packages[@]}"; do

@@ -4,7 +4,8 @@
 #      module core compiles under the kernel's constraints);
 #   2. the same suites under AddressSanitizer + UndefinedBehaviorSanitizer;
 #   3. the same suites under ThreadSanitizer;
-#   4. formatting and clang-tidy;
+#   4. formatting and clang-tidy, then sparse over the Linux-side C files and
+#      the libFuzzer targets for about a minute each (tools/fuzz.sh);
 #   5. the kernel modules in a real Linux kernel under qemu, x86_64 and
 #      arm64 (cross-built), then on two x86_64 debug kernels (KASAN, KCSAN;
 #      built once per configuration and cached) with a concurrency stress,
@@ -37,6 +38,10 @@ echo "=== formatting and clang-tidy (with thread-safety analysis)"
 bash tools/check-format.sh
 bash tools/lint.sh
 
+echo "=== sparse and libFuzzer"
+bash tools/sparse.sh 2>&1 | tally
+bash tools/fuzz.sh 2>&1 | tally
+
 if [ "${VANE_SKIP_QEMU:-0}" != 1 ]; then
   echo "=== kernel modules under qemu"
   bash tests/qemu/run.sh x86_64 2>&1 | tally
@@ -50,7 +55,7 @@ if [ "${VANE_SKIP_QEMU:-0}" != 1 ]; then
 fi
 
 # Every runner's "N passed, M failed", added up: ctest says "...failed out of
-# TOTAL", the qemu runs "<arch>: PASSED passed, FAILED failed".
+# TOTAL", the qemu runs, sparse and fuzz "<name>: PASSED passed, FAILED failed".
 sed -nE \
   -e 's/^[0-9]+% tests passed, ([0-9]+) tests failed out of ([0-9]+)$/\2 \1 ctest/p' \
   -e 's/^[a-z0-9_]+: ([0-9]+) passed, ([0-9]+) failed.*$/\1 \2 qemu/p' "$runner_log" |

@@ -11,13 +11,17 @@
 
 #include "drv_vane/capture.h"
 #include "drv_vane/config.h"
+#include "drv_vane/container.h"
 #include "drv_vane/debug.h"
 #include "drv_vane/dispatch.h"
 #include "drv_vane/entry.h"
+#include "drv_vane/frag.h"
 #include "drv_vane/higig2.h"
 #include "drv_vane/netlink.h"
 #include "drv_vane/parser.h"
 #include "drv_vane/proc.h"
+#include "drv_vane/steering.h"
+#include "drv_vane/timng.h"
 
 /* Channels, handler registration and delivery. */
 EXPORT_SYMBOL(g_supp_netlink_kernel);
@@ -59,6 +63,37 @@ EXPORT_SYMBOL(g_bypassPktCounts);
 EXPORT_SYMBOL(g_pktprintfcout);
 EXPORT_SYMBOL(bypass_msg_getVCpuId);
 EXPORT_SYMBOL(bypass_proc_msg_multicore);
+EXPORT_SYMBOL(bypass_msg_get_causeid);
+EXPORT_SYMBOL(bypass_getvcpu_by_Five);
+EXPORT_SYMBOL(bypass_getSessionId);
+EXPORT_SYMBOL(bypass_msg_get_ecmvp_pkt_vcpu);
+
+/* WLAN load-balancing lookups. */
+EXPORT_SYMBOL(WLAN_LB_IsNeedLBPkt);
+EXPORT_SYMBOL(WLAN_LB_GetPktVCPUID);
+EXPORT_SYMBOL(WLAN_LB_GetVCPUIDByCAPWAPKey);
+EXPORT_SYMBOL(WLAN_LB_GetVCPUIDByCAPWAPSessionidKey);
+EXPORT_SYMBOL(WLAN_LB_GetAAAAccessVcpuID);
+EXPORT_SYMBOL(WLAN_LB_GetAAAPortVcpuID);
+
+/* Cause-ID steering tables and their statistics. */
+EXPORT_SYMBOL(g_bypass_ivo_lb_table);
+EXPORT_SYMBOL(g_bypass_deteption_lb_table);
+EXPORT_SYMBOL(g_stIvoDebugInfo);
+EXPORT_SYMBOL(g_bypass_ivo_stat_fop);
+EXPORT_SYMBOL(bypass_set_ivo_lb_table);
+EXPORT_SYMBOL(bypass_msg_get_ivo_vcpuid);
+EXPORT_SYMBOL(bypass_print_ivo_table_info);
+EXPORT_SYMBOL(bypass_proc_read_ivo_stat_info);
+EXPORT_SYMBOL(bypass_proc_write_ivo_stat_info);
+
+/* TIMNG. */
+EXPORT_SYMBOL(g_timngKernelInfo);
+EXPORT_SYMBOL(g_timngKernelInfoCnt);
+EXPORT_SYMBOL(g_TimngBoardType);
+EXPORT_SYMBOL(TIMNG_LB_InitKernel);
+EXPORT_SYMBOL(TIMNG_GetVcpuIdByCauseid);
+EXPORT_SYMBOL(TIMNG_IsIpFragPacket);
 
 /* Debug buffer, commands and printers. */
 EXPORT_SYMBOL(g_ulDebugLevel);
@@ -90,3 +125,47 @@ EXPORT_SYMBOL(bypass_proc_write_debugLevel);
 
 /* Capture store. */
 EXPORT_SYMBOL(g_pstCatchPktData);
+
+/* Lists and hash tables. */
+EXPORT_SYMBOL(LIST_InitNew);
+EXPORT_SYMBOL(LIST_AppendNode);
+EXPORT_SYMBOL(LIST_FindNodeFromHead);
+EXPORT_SYMBOL(LIST_RemoveHeadNode);
+EXPORT_SYMBOL(LIST_RemoveTailNode);
+EXPORT_SYMBOL(LIST_RemoveNodeByKey);
+EXPORT_SYMBOL(HASH_CreateNew);
+EXPORT_SYMBOL(HASH_Destroy);
+EXPORT_SYMBOL(HASH_NewData);
+EXPORT_SYMBOL(HASH_FreeData);
+EXPORT_SYMBOL(HASH_AddNode);
+EXPORT_SYMBOL(HASH_AddNode_LB_New);
+EXPORT_SYMBOL(HASH_FindElemFromFirstList);
+EXPORT_SYMBOL(HASH_FindElemFromFirstList_LB_New);
+EXPORT_SYMBOL(HASH_RemoveElmtByKey);
+EXPORT_SYMBOL(HASH_RemoveElmtByKey_LB_New);
+EXPORT_SYMBOL(HASH_RemoveNodeByAddress);
+
+/* Fragment tables, their ageing and their dumps. */
+EXPORT_SYMBOL(g_bypass_ipV4FragHash);
+EXPORT_SYMBOL(g_bypass_ipV6FragHash);
+EXPORT_SYMBOL(g_bypassTimeInitedV4);
+EXPORT_SYMBOL(g_bypassTimeInitedV6);
+EXPORT_SYMBOL(g_pBypassIpv4TotalInfo);
+EXPORT_SYMBOL(g_pBypassIpv6TotalInfo);
+EXPORT_SYMBOL(g_bypass_proc_hashInfoIpv4_fop);
+EXPORT_SYMBOL(g_bypass_proc_hashInfoIpv6_fop);
+EXPORT_SYMBOL(bypass_ipfrag_initHash);
+EXPORT_SYMBOL(bypass_ipfrag_exitHash);
+EXPORT_SYMBOL(bypass_ipfrag_addInHash);
+EXPORT_SYMBOL(bypass_ipfrag_addInHashPub);
+EXPORT_SYMBOL(bypass_ipfrag_findVcpuInHash);
+EXPORT_SYMBOL(bypass_ipfrag_delInHash);
+EXPORT_SYMBOL(bypass_ipfrag_findInHash);
+EXPORT_SYMBOL(bypass_ipv4frag_hashkey);
+EXPORT_SYMBOL(bypass_ipv6frag_hashkey);
+EXPORT_SYMBOL(bypass_ipv4frag_hashmatch);
+EXPORT_SYMBOL(bypass_ipv6frag_hashmatch);
+EXPORT_SYMBOL(bypass_ipv4frag_timer_callback);
+EXPORT_SYMBOL(bypass_ipv6frag_timer_callback);
+EXPORT_SYMBOL(bypass_proc_readHashInfoIpv4);
+EXPORT_SYMBOL(bypass_proc_readHashInfoIpv6);

@@ -140,5 +140,17 @@ std::vector<std::string> List() {
   return out;
 }
 
+std::vector<std::string> Files() {
+  Registry& reg = Reg();
+  std::lock_guard lock(reg.mu);
+  std::vector<std::string> out;
+  for (const auto& [path, node] : reg.nodes) {
+    if (node->kind == internal::NodeKind::kProcFile || node->kind == internal::NodeKind::kAttr) {
+      out.push_back(path);
+    }
+  }
+  return out;
+}
+
 }  // namespace vfs
 }  // namespace kport::user

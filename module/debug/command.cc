@@ -11,6 +11,7 @@
 #include "drv_vane/debug.h"
 #include "drv_vane/dispatch.h"
 #include "drv_vane/netlink.h"
+#include "drv_vane/steering.h"
 #include "kport/printk.h"
 
 u64 g_ulLBType;
@@ -37,7 +38,7 @@ void print_board_and_level() {
 }
 
 // Codes 1..20; a null entry belongs to a facility that is not part of this
-// build yet (self-test packets, capture and steering-table printouts) and
+// build yet (self-test packets and capture printouts) and
 // does nothing.
 constexpr Command kCommands[BYPASS_DEBUG_CMD_NUM] = {
     [] { update(&g_ulLBType, [](u64 v) { return (v + 1) % 5; }); },                     // 1
@@ -59,7 +60,7 @@ constexpr Command kCommands[BYPASS_DEBUG_CMD_NUM] = {
     [] { update(&g_ulSendPid, [](u64 v) { return v - load_relaxed(&g_ulMulPid); }); },  // 17
     bypass_debug_pidInfo,                                                               // 18
     nullptr,                                                                            // 19
-    nullptr,                                                                            // 20
+    bypass_print_ivo_table_info,                                                        // 20
 };
 
 }  // namespace

@@ -14,11 +14,19 @@ void debug_buffer_destroy();
 // Empties the text area (the debug proc file's write).
 void debug_buffer_clear();
 
-// Packet counters.
+// Packet counters, per processor. reset: load-time state (no block, zero
+// image and baseline). create: 0 or -ENOMEM, start-up; destroy: shut-down,
+// after the packet path has stopped. count_packet: packet path, any context,
+// writes only this processor's block; a no-op without a block.
 void counters_reset();
+int counters_create();
+void counters_destroy();
 void count_packet(u32 index);
-// Copies all counters, each read whole, into out[BYPASS_PKT_COUNT_NUM].
+// Sums the counters since the last clear into out[BYPASS_PKT_COUNT_NUM] and
+// refreshes the g_bypassPktCounts image with them. Process context.
 void counters_snapshot(u32* out);
+// Zeroes what readers see from now on. Process context.
+void counters_clear();
 
 // Debug command settings to their load-time values.
 void debug_settings_reset();

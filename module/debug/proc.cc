@@ -9,6 +9,8 @@
 #include "debug/debug_internal.h"
 #include "drv_vane/debug.h"
 #include "drv_vane/dispatch.h"
+#include "drv_vane/frag.h"
+#include "drv_vane/steering.h"
 #include "kport/errno.h"
 #include "kport/mem.h"
 #include "kport/printk.h"
@@ -38,8 +40,14 @@ struct ProcFile {
 constexpr ProcFile kFiles[] = {
     {"counts", 0666, &g_bypass_proc_counts_fop,
      "\r\nErr: create subdir in /proc/bypassDebug/counts failed."},
+    {"hashInfoIpv4", 0444, &g_bypass_proc_hashInfoIpv4_fop,
+     "\r\nErr: create subdir in /proc/bypassDebug/hashinfo failed."},
+    {"hashInfoIpv6", 0444, &g_bypass_proc_hashInfoIpv6_fop,
+     "\r\nErr: create subdir in /proc/bypassDebug/hashinfo failed."},
     {"debug", 0666, &g_bypass_proc_debug_fop,
      "\r\nErr: create subdir in /proc/bypassDebug/feature failed."},
+    {"ivo", 0666, &g_bypass_ivo_stat_fop,
+     "\r\nErr: create subdir in /proc/bypassDebug/ivo failed."},
 };
 constexpr u32 kFileCount = sizeof(kFiles) / sizeof(kFiles[0]);
 
@@ -81,8 +89,9 @@ extern "C" int bypass_proc_exit(void) {
 extern "C" ssize_t bypass_proc_readCounts(struct file* file, char* ubuf, size_t count,
                                           kport_loff_t* pos) {
   (void)file;
-  // A snapshot, so the reader copies whole counters rather than words the
-  // packet path is incrementing under it.
+  // The sums go to a buffer of the reader's own: the copy to user space may
+  // fault and sleep, and the exported image may be refreshed by another
+  // reader meanwhile.
   auto* snap = static_cast<u32*>(kport_kmalloc_atomic(sizeof(g_bypassPktCounts)));
   if (snap == nullptr) return -KPORT_ENOMEM;
   vane::counters_snapshot(snap);
@@ -96,7 +105,7 @@ extern "C" ssize_t bypass_proc_writeCounts(struct file* file, const char* ubuf, 
   (void)file;
   (void)ubuf;
   (void)pos;
-  vane::counters_reset();
+  vane::counters_clear();
   return static_cast<ssize_t>(count);
 }
 

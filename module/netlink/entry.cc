@@ -9,13 +9,16 @@
 #include "drv_vane/entry.h"
 
 #include "bypass/config_internal.h"
+#include "bypass/steering_internal.h"
 #include "debug/debug_internal.h"
+#include "drv_vane/frag.h"
 #include "drv_vane/netlink.h"
 #include "drv_vane/proc.h"
 #include "kport/errno.h"
 #include "kport/netlink.h"
 #include "kport/printk.h"
 #include "netlink/netlink_internal.h"
+#include "timng/timng_internal.h"
 
 namespace vane {
 namespace {
@@ -40,18 +43,40 @@ void release_channel(SUPP_NETLINK_KERNEL_S* rec) {
 
 extern "C" int bypass_dev_init(void) {
   using namespace vane;
-  // The fragment tables join here, ahead of the proc files that show them.
+  // The per-processor counters come first: the packet path and the proc
+  // files count and sum them.
+  if (counters_create() != 0) return -KPORT_ENOMEM;
+  if (steering_stats_create() != 0) {
+    counters_destroy();
+    return -KPORT_ENOMEM;
+  }
+  // The fragment tables come ahead of the proc files that show them.
+  if (bypass_ipfrag_initHash() != 0) {
+    kport_printk(KPORT_LOGLEVEL_ALERT, "\r\nErr: hash table in kernel bypass inits failed.\r\n");
+    steering_stats_destroy();
+    counters_destroy();
+    return -KPORT_ENOMEM;
+  }
   if (bypass_proc_init() != 0) {
     kport_printk(KPORT_LOGLEVEL_ALERT, "\r\nErr: bypass_proc_init inits failed.\r\n");
+    bypass_ipfrag_exitHash();
+    steering_stats_destroy();
+    counters_destroy();
     return -KPORT_ENOMEM;
   }
   if (debug_buffer_create() != 0) {
     bypass_proc_exit();
+    bypass_ipfrag_exitHash();
+    steering_stats_destroy();
+    counters_destroy();
     return -KPORT_ENOMEM;
   }
   if (capture_store_create() != 0) {
     debug_buffer_destroy();
     bypass_proc_exit();
+    bypass_ipfrag_exitHash();
+    steering_stats_destroy();
+    counters_destroy();
     return -KPORT_ENOMEM;
   }
   return 0;
@@ -64,6 +89,11 @@ extern "C" int bypass_dev_exit(void) {
   bypass_proc_exit();
   capture_store_destroy();
   debug_buffer_destroy();
+  // The sockets are closed and the files gone, so only the ageing timer can
+  // still reach the tables; this stops it before they are freed.
+  bypass_ipfrag_exitHash();
+  steering_stats_destroy();
+  counters_destroy();
   return 0;
 }
 
@@ -98,12 +128,20 @@ extern "C" int vane_entry_init(void) {
   counters_reset();
   debug_out_reset();
   debug_settings_reset();
+  steering_init();
+  timng_init();
   int ret = netlink_dev_init();
-  if (ret != 0) config_exit();
+  if (ret != 0) {
+    timng_exit();
+    steering_exit();
+    config_exit();
+  }
   return ret;
 }
 
 extern "C" void vane_entry_exit(void) {
   (void)netlink_dev_exit();
+  vane::timng_exit();
+  vane::steering_exit();
   vane::config_exit();
 }

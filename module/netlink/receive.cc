@@ -8,6 +8,8 @@
 #include "drv_vane/config.h"
 #include "drv_vane/debug.h"
 #include "drv_vane/netlink.h"
+#include "drv_vane/steering.h"
+#include "drv_vane/timng.h"
 #include "kport/errno.h"
 #include "kport/netlink.h"
 #include "netlink/netlink_internal.h"
@@ -20,6 +22,8 @@ constexpr u32 kCtrlHdrLen = sizeof(NETLINK_CTRL_MSG_S);
 constexpr u32 kPidPayloadLen = sizeof(NETLINK_PID_MSG_S);
 constexpr u32 kOffsetPayloadLen = sizeof(BYPASS_PKT_OFFSET_S);
 constexpr u32 kDebugFlagPayloadLen = 1;
+constexpr u32 kIvoPayloadLen = sizeof(BYPASS_LB_TABLE_S);
+constexpr u32 kTimngPayloadLen = TIMNG_MSG_PAYLOAD_LEN;
 
 // A control message's payload: its address, the bytes the message really
 // carries after the id and length fields, and the length field as sent.
@@ -73,11 +77,18 @@ int route(struct sk_buff* skb, u32 id, const Payload& p) {
       bypass_debug_out(BYPASS_DEBUG_LEVEL_ERR, "\r\nNETLINK_MID_WLAN_LB.");
       return 0;
     case NETLINK_MID_IVO_LB:
-      return 0;  // steering tables: not part of this build yet
+      // A short message is refused whole: half a table would steer by
+      // fields the sender never wrote.
+      if (p.avail < kIvoPayloadLen) return -KPORT_EINVAL;
+      bypass_set_ivo_lb_table(id, p.data, p.len_field);
+      return 0;
     case NETLINK_MID_TIMNG:
     case NETLINK_MID_TIMNG_MASTER:
+      // Refused before it can use up one of the two slots.
+      if (p.avail < kTimngPayloadLen) return -KPORT_EINVAL;
       bypass_debug_out(BYPASS_DEBUG_LEVEL_ERR, "\r\n NETLINK_MID_TIMNG.");
-      return 0;  // TIMNG table: not part of this build yet
+      TIMNG_LB_InitKernel(id, p.data, p.len_field);
+      return 0;
     default:
       return call_registered_handler(id, p);
   }

@@ -139,14 +139,15 @@ TEST_F(DispatchTest, BoardWithoutEcmDispatchesNothingAndCountsNothing) {
   EXPECT_EQ(Counters(), std::vector<uint32_t>(BYPASS_PKT_COUNT_NUM, 0));
 }
 
-TEST_F(DispatchTest, VpFragmentCandidatesOnBoards37And242AreNotDecidedHere) {
+TEST_F(DispatchTest, VpRangeFramesOnBoards37And242GoToTheVpDispatch) {
   // An ECM-format frame whose bytes 30-31 hold a tag, so the VP test reads
-  // the EtherType behind the first tag (0x06A4).
+  // the EtherType behind the first tag (0x06A4). The VP dispatch takes the
+  // vCPU from the outer MAC's fourth byte and counts it as VP only.
   cfg_.ulVpEthType = 0x06A4;
-  auto frame = [](uint32_t eth) {
+  auto frame = [](uint32_t eth, const char* dst) {
     return PacketBuilder()
         .prefix(0, 0, eth)
-        .ethernet(Mac("0a:0b:0b:00:00:01"), Mac("00:00:00:00:00:02"))
+        .ethernet(Mac(dst), Mac("00:00:00:00:00:02"))
         .vlan(1)
         .ether_type(0x06A4)
         .bytes({0x0A, 0x0B, 0x0C, 7})
@@ -158,14 +159,19 @@ TEST_F(DispatchTest, VpFragmentCandidatesOnBoards37And242AreNotDecidedHere) {
   for (uint32_t board : {37u, 242u}) {
     cfg_.ulBoardType = board;
     Apply();
-    EXPECT_EQ(Dispatch(frame(45)).count, 0u) << board;
+    EXPECT_EQ(Dispatch(frame(45, "0a:0b:0b:00:00:01")).count, 0u) << board;
+    Decision d = Dispatch(frame(45, "0a:0b:0b:05:00:01"));
+    EXPECT_EQ(d.count, 1u) << board;
+    EXPECT_EQ(d.list[0], 5) << board;
   }
-  EXPECT_EQ(Counters(), std::vector<uint32_t>(BYPASS_PKT_COUNT_NUM, 0));
+  std::vector<uint32_t> expected(BYPASS_PKT_COUNT_NUM, 0);
+  expected[BYPASS_PKT_COUNT_VP_BASE + 5] = 2;
+  EXPECT_EQ(Counters(), expected);
   // The same frame on the ECM interface, or on another board, is ECM.
-  EXPECT_EQ(Dispatch(frame(kEcmEth)).list[0], 7);
+  EXPECT_EQ(Dispatch(frame(kEcmEth, "0a:0b:0b:00:00:01")).list[0], 7);
   cfg_.ulBoardType = 5;
   Apply();
-  EXPECT_EQ(Dispatch(frame(45)).list[0], 7);
+  EXPECT_EQ(Dispatch(frame(45, "0a:0b:0b:05:00:01")).list[0], 7);
 }
 
 TEST_F(DispatchTest, DumpCounterPrintsExactlyTheRequestedPackets) {

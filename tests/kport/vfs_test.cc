@@ -65,6 +65,9 @@ TEST_F(ProcTest, RegistryShowsPathsAndModes) {
   EXPECT_EQ(vfs::Mode("/proc/kptest/rw"), 0644);
   EXPECT_EQ(vfs::Mode("/proc/kptest/ro"), 0444) << "no permission bits: read-only for all";
   EXPECT_EQ(vfs::Mode("/proc/kptest"), 0555);
+  // What a reader can open: the files, not the directory holding them.
+  EXPECT_THAT(vfs::Files(), ::testing::IsSupersetOf({"/proc/kptest/ro", "/proc/kptest/rw"}));
+  EXPECT_THAT(vfs::Files(), ::testing::Not(::testing::Contains("/proc/kptest")));
   EXPECT_EQ(kport_proc_create("rw", 0644, dir_, &kReadWrite), nullptr) << "duplicate";
   EXPECT_EQ(kport_proc_create("a/b", 0644, dir_, &kReadWrite), nullptr);
 }
@@ -168,6 +171,11 @@ TEST(Sysfs, AttributesShowAndStoreUntilTheDeviceGoes) {
   EXPECT_EQ(vfs::SysfsStore("/sys/class/kpcls/kpdev/value", "7"), 1);
   EXPECT_EQ(g_stored, "7");
   EXPECT_EQ(vfs::Mode("/sys/class/kpcls/kpdev/wo"), 0200);
+  EXPECT_THAT(vfs::Files(), ::testing::IsSupersetOf(
+                                {"/sys/class/kpcls/kpdev/value", "/sys/class/kpcls/kpdev/wo"}));
+  EXPECT_THAT(vfs::Files(),
+              ::testing::AllOf(::testing::Not(::testing::Contains("/sys/class/kpcls")),
+                               ::testing::Not(::testing::Contains("/sys/class/kpcls/kpdev"))));
 
   kport_device_remove_file(dev, &wo);
   EXPECT_FALSE(vfs::Exists("/sys/class/kpcls/kpdev/wo"));

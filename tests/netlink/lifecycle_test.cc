@@ -12,6 +12,8 @@
 #include "drv_vane/dispatch.h"
 #include "drv_vane/entry.h"
 #include "drv_vane/netlink.h"
+#include "drv_vane/steering.h"
+#include "drv_vane/timng.h"
 #include "kport/netlink.h"
 #include "kport/printk.h"
 #include "kport/procfs.h"
@@ -75,6 +77,12 @@ TEST(Lifecycle, EveryLoadStartsFromTheLoadTimeState) {
     EXPECT_EQ(g_ulLBType, 0u);
     EXPECT_EQ(g_pktprintfcout, 0);
     EXPECT_EQ(Counters(), std::vector<uint32_t>(BYPASS_PKT_COUNT_NUM, 0));
+    EXPECT_EQ(g_bypass_ivo_lb_table.ulEnable, 0u);
+    EXPECT_EQ(g_bypass_deteption_lb_table.ulCauseIdNum, 0u);
+    EXPECT_EQ(g_stIvoDebugInfo.ulIvoHitCnt, 0u);
+    EXPECT_EQ(g_timngKernelInfoCnt, 0u);
+    EXPECT_EQ(g_TimngBoardType, 0u);
+    EXPECT_EQ(g_timngKernelInfo[0].causeid, 0u);
     {
       // Leave traces of a busy module behind for the next round.
       Worker worker(4242);
@@ -88,6 +96,18 @@ TEST(Lifecycle, EveryLoadStartsFromTheLoadTimeState) {
       ASSERT_EQ(worker.Debug(1), 0);
       ASSERT_EQ(worker.Debug(16), 0);
       SetDebugLevel(5);
+      BYPASS_LB_TABLE_S table{};
+      table.ulEnable = 1;
+      table.ulCauseIdNum = 1;
+      table.ausCauseId[0] = 9;
+      std::vector<uint8_t> bytes(sizeof(table));
+      std::memcpy(bytes.data(), &table, sizeof(table));
+      ASSERT_EQ(worker.Control(NETLINK_MID_IVO_LB, bytes), 0);
+      ASSERT_EQ(worker.Control(NETLINK_MID_TIMNG, std::vector<uint8_t>(16, 3)), 0);
+      uint32_t n = 0;
+      uint8_t v = 0;
+      ASSERT_EQ(bypass_msg_get_ivo_vcpuid(9, &n, &v), 0u);
+      ASSERT_EQ(vfs::ProcReadAll("/proc/bypassDebug/ivo").size(), 296u);
       std::vector<uint8_t> pkt(64, 0xEE);
       ASSERT_GT(netlink_send_msg(1, pkt.data(), pkt.size()), 0);
     }

@@ -16,6 +16,8 @@
  * and from forked workers, each of which registers its own process id. */
 #include "guest.h"
 
+#define MID_IVO_LB 11
+#define MID_TIMNG 14
 #define ECM_ETHNUM 7
 #define ECM_VCPU 5
 
@@ -453,6 +455,66 @@ static int sc_debug_buffer(void) {
   return 1;
 }
 
+/* Message 11 sets the ivo table, which the ivo file shows whole; short
+ * messages 11 and 14 are refused; the file takes 4-byte writes only. */
+static int sc_steering_and_timng(void) {
+  uint8_t table[60] = {0}, img[296 + 8];
+  uint32_t timng[4] = {100, 7, 0, 0}, zero = 0;
+  int r, fd;
+  ssize_t n;
+
+  put32(table, 1);      /* ulEnable */
+  put32(table + 8, 5);  /* ulVcpuId */
+  put32(table + 12, 2); /* ulCauseIdNum */
+  table[16] = 40;
+  table[18] = 41;
+  table[56] = 200; /* range 200..210 */
+  table[58] = 210;
+  r = ctrl_ack(s26, MID_IVO_LB, table, 59);
+  CHECK(r == -EINVAL, "short message 11 acknowledged with %d", r);
+  r = ctrl_ack(s26, MID_IVO_LB, table, 60);
+  CHECK(r == 0, "message 11 acknowledged with %d", r);
+  fd = open("/proc/bypassDebug/ivo", O_RDWR);
+  CHECK(fd >= 0, "cannot open /proc/bypassDebug/ivo");
+  n = pread(fd, img, sizeof(img), 0);
+  CHECK(n == 296, "ivo read %zd bytes", n);
+  CHECK(memcmp(img, table, 60) == 0, "ivo table copy differs");
+  CHECK(get32(img + 120) == 0, "ivo hits %u before any packet", get32(img + 120));
+  n = write(fd, &zero, 1);
+  CHECK(n < 0 && errno == EINVAL, "1-byte ivo write returned %zd", n);
+  n = write(fd, &zero, 4);
+  CHECK(n == 4, "ivo write returned %zd", n);
+  close(fd);
+  r = ctrl_ack(s26, MID_TIMNG, timng, 15);
+  CHECK(r == -EINVAL, "short message 14 acknowledged with %d", r);
+  r = ctrl_ack(s26, MID_TIMNG, timng, 16);
+  CHECK(r == 0, "message 14 acknowledged with %d", r);
+  return 1;
+}
+
+/* The fragment table dumps of a freshly loaded module: fixed-size images
+ * whose record count is 0, read in pieces. */
+static int dump_size(const char* path, size_t want) {
+  static uint8_t img[40004 + 1];
+  size_t total = 0;
+  ssize_t n;
+  int fd = open(path, O_RDONLY);
+
+  CHECK(fd >= 0, "cannot open %s", path);
+  while ((n = read(fd, img + total, 1000)) > 0 && total + (size_t)n <= sizeof(img)) total += n;
+  close(fd);
+  CHECK(n == 0, "%s: read failed", path);
+  CHECK(total == want, "%s: %zu bytes, not %zu", path, total, want);
+  CHECK(img[0] == 0 && img[1] == 0, "%s: %u records", path, img[0] | (img[1] << 8));
+  return 1;
+}
+
+static int sc_fragment_dumps(void) {
+  if (!dump_size("/proc/bypassDebug/hashInfoIpv4", 16004)) return because("IPv4");
+  if (!dump_size("/proc/bypassDebug/hashInfoIpv6", 40004)) return because("IPv6");
+  return 1;
+}
+
 /* Concurrency smoke: control messages from several processes and packets
  * from several writers at once, for SMOKE_MS; no acknowledgement may be
  * lost or wrong, and every handler call must be counted. */
@@ -610,6 +672,8 @@ int main(int argc, char** argv) {
   run("icmp-fast-channel", sc_icmp_fast_channel);
   run("ecm-to-vcpu-worker", sc_ecm_to_vcpu_worker);
   run("debug-buffer", sc_debug_buffer);
+  run("steering-and-timng", sc_steering_and_timng);
+  run("fragment-dumps", sc_fragment_dumps);
   run("concurrency-smoke", sc_concurrency_smoke);
 
   /* The kernel holds a reference on drv_vane for every open socket of its

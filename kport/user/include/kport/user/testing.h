@@ -85,6 +85,10 @@ bool Exists(std::string_view path);
 uint16_t Mode(std::string_view path);
 // All registered paths, directories included, sorted.
 std::vector<std::string> List();
+// The registered files alone (proc files and sysfs attributes), sorted: what
+// a reader or writer can open. Mode() holds only permission bits, so it
+// cannot tell them from directories.
+std::vector<std::string> Files();
 
 // One read(2)/write(2) on a proc file at *pos (advanced by the handler):
 // the handler sees `count` and a user buffer of exactly `count` bytes, so a

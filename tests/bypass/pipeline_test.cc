@@ -1,0 +1,340 @@
+// The multi-core path's WLAN steps through the exported functions, with the
+// WLAN tables stood in for: the cause ID, the five-tuple path at each
+// fragment position, the keep-alive session ID, the packet-type stamp and
+// the per-type counters, and the bounds of every packet read.
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "drv_vane/config.h"
+#include "drv_vane/debug.h"
+#include "drv_vane/dispatch.h"
+#include "drv_vane/wlan_lb.h"
+#include "support/frames.h"
+#include "support/module_env.h"
+#include "support/packet_builder.h"
+#include "support/wlan_stand_in.h"
+
+namespace vane::test {
+namespace {
+
+constexpr uint16_t kCause = 0x1ABC;  // 13 bits
+constexpr uint32_t kHead = 24;       // bytes before the Ethernet header
+constexpr uint32_t kMcEth = 20;
+
+// Bytes before the Ethernet header: the cause ID in the upper 13 bits of
+// bytes 18-19.
+Bytes Head(uint16_t cause) {
+  Bytes b(kHead, 0);
+  b[18] = static_cast<uint8_t>(cause >> 5);
+  b[19] = static_cast<uint8_t>((cause << 3) & 0xFF);
+  return b;
+}
+
+PacketBuilder Mc(uint16_t cause = kCause) {
+  PacketBuilder b;
+  b.prefix(1, 0, kMcEth)
+      .bytes(Head(cause))
+      .ethernet(Mac("00:11:22:33:44:55"), Mac("00:00:5e:00:01:02"));
+  return b;
+}
+
+Ipv4Options V4(bool mf = false, uint16_t off = 0, uint16_t id = 0x4321) {
+  return {.src = Ipv4Addr("10.0.0.1"),
+          .dst = Ipv4Addr("10.0.0.2"),
+          // Fragments after the first carry no UDP header of their own.
+          .protocol = off != 0 ? std::optional<uint8_t>(17) : std::nullopt,
+          .id = id,
+          .mf = mf,
+          .frag_offset = off};
+}
+
+// A CAPWAP data keep-alive behind UDP: HLEN 2, one session-ID element.
+Bytes KeepAlive(uint32_t flags = 0x08, uint16_t elen = 22, uint16_t type = 35, uint16_t len = 16) {
+  Bytes b = {0x00, 0x10, 0x00, static_cast<uint8_t>(flags), 0, 0, 0, 0};  // HLEN 2 at bits 19-23
+  b.push_back(static_cast<uint8_t>(elen >> 8));
+  b.push_back(static_cast<uint8_t>(elen));
+  b.push_back(static_cast<uint8_t>(type >> 8));
+  b.push_back(static_cast<uint8_t>(type));
+  b.push_back(static_cast<uint8_t>(len >> 8));
+  b.push_back(static_cast<uint8_t>(len));
+  for (uint8_t i = 1; i <= 16; ++i) b.push_back(i);
+  return b;
+}
+
+class PipelineTest : public ModuleTest {
+ protected:
+  void SetUp() override {
+    ModuleTest::SetUp();
+    cfg_ = TestRanges();
+    cfg_.ulMacOffset = kHead;
+    cfg_.ulIsNoHgHdr = 1;
+    Apply();
+    wlan_.cause_id = kCause;
+    wlan_.lb_type = LB_CAPWAP;
+    wlan_.pkt_type = 5;
+    wlan_.vcpu = 9;
+  }
+  void Apply() { bypass_set_pktOffsetAndDebugFlag(5, reinterpret_cast<uint8_t*>(&cfg_), 88); }
+
+  struct Result {
+    uint32_t count = 0;
+    uint8_t list[BYPASS_VCPU_LIST_MAX] = {};
+  };
+  static Result Dispatch(Bytes& buf) {
+    Result r;
+    bypass_msg_getVCpuId(buf.data(), static_cast<uint32_t>(buf.size()), &r.count, r.list);
+    return r;
+  }
+  static uint32_t WlanCounter(uint32_t v, uint32_t t) {
+    return Counters()[BYPASS_PKT_COUNT_WLAN_BASE + BYPASS_PKT_COUNT_WLAN_TYPES * v + t];
+  }
+
+  BYPASS_PKT_OFFSET_S cfg_{};
+  WlanStandIn wlan_;
+  ScopedWlanStandIn scoped_{&wlan_};
+};
+
+TEST_F(PipelineTest, CauseIdIsTheUpperThirteenBitsAndShortPacketsWriteNothing) {
+  Bytes pkt = Head(kCause);
+  pkt.resize(kHead + 24);
+  uint16_t cause = 1;
+  uint32_t type = 1;
+  u64 pkt_type = 1;
+  bypass_msg_get_causeid(pkt.data(), static_cast<uint32_t>(pkt.size()), &cause, &type, &pkt_type);
+  EXPECT_EQ(cause, kCause);
+  EXPECT_EQ(type, LB_CAPWAP);
+  EXPECT_EQ(pkt_type, 5u);
+
+  // Without the stand-in a cause ID is not load-balanced.
+  wlan_.cause_id = 1;
+  bypass_msg_get_causeid(pkt.data(), static_cast<uint32_t>(pkt.size()), &cause, &type, &pkt_type);
+  EXPECT_EQ(type, WLAN_LB_TYPE_NONE);
+  EXPECT_EQ(pkt_type, WLAN_LB_PKT_TYPE_NONE);
+
+  // Shorter than ulMacOffset + 24, or too short for the cause-ID bytes at
+  // their own offset: nothing written, one level-1 line each.
+  SetDebugLevel(BYPASS_DEBUG_LEVEL_ERR);
+  cause = 7;
+  bypass_msg_get_causeid(pkt.data(), kHead + 23, &cause, &type, &pkt_type);
+  cfg_.ulMacOffset = 0;
+  cfg_.ulCauseIdOffset = 40;
+  Apply();
+  bypass_msg_get_causeid(pkt.data(), 59, &cause, &type, &pkt_type);
+  EXPECT_EQ(cause, 7);
+  EXPECT_EQ(DebugText(),
+            "\r\nget_causeid err(len=47,offtoMac=24).\r\nget_causeid err(len=59,"
+            "offtoMac=0).");
+}
+
+TEST_F(PipelineTest, FiveTupleKeepsEveryFragmentOfADatagramOnTheFirstOnesVcpu) {
+  Bytes first = Mc().ipv4(V4(true, 0)).udp(5246, 5247).payload(16).build();
+  Bytes middle = Mc().ipv4(V4(true, 2)).payload(16).build();
+  Bytes last = Mc().ipv4(V4(false, 4)).payload(16).build();
+  Bytes whole = Mc().ipv4(V4()).udp(5246, 5247).payload(16).build();
+
+  Result r = Dispatch(whole);
+  EXPECT_EQ(r.count, 1u);
+  EXPECT_EQ(r.list[0], 9);
+  EXPECT_EQ(wlan_.five.sip, Ipv4Addr("10.0.0.1"));
+  EXPECT_EQ(wlan_.five.dip, Ipv4Addr("10.0.0.2"));
+  EXPECT_EQ(wlan_.five.sport, 5246u);
+  EXPECT_EQ(wlan_.five.dport, 5247u);
+  EXPECT_EQ(wlan_.five.vpn, 0u);
+  EXPECT_EQ(wlan_.five.causeid, kCause);
+
+  EXPECT_EQ(Dispatch(first).list[0], 9);
+  wlan_.vcpu = 33;  // the table changed: the datagram's fragments still follow the first
+  EXPECT_EQ(wlan_.lookups, 2);
+  for (int i = 0; i < 2; ++i) {
+    r = Dispatch(middle);
+    EXPECT_EQ(r.count, 1u);
+    EXPECT_EQ(r.list[0], 9);
+  }
+  r = Dispatch(last);
+  EXPECT_EQ(r.count, 1u);
+  EXPECT_EQ(r.list[0], 9);
+  EXPECT_EQ(wlan_.lookups, 2);  // no lookup for middle and last fragments
+  // The entry is gone: a repeated last fragment and a late middle one get none.
+  EXPECT_EQ(Dispatch(last).count, 0u);
+  EXPECT_EQ(Dispatch(middle).count, 0u);
+  // Five packets of type 5 to vCPU 9; the refused ones count under 0.
+  EXPECT_EQ(WlanCounter(9, 5), 5u);
+  EXPECT_EQ(Counters()[9], 5u);
+  EXPECT_EQ(Counters()[0], 2u);
+
+  // Missing arguments: 0, nothing written.
+  BYPASS_PKT_INFO_S info{};
+  WLAN_LB_FIVE_TUPLE_S key{};
+  uint32_t count = 7;
+  EXPECT_EQ(bypass_getvcpu_by_Five(nullptr, &key, LB_CAPWAP, &count, r.list), 0);
+  EXPECT_EQ(bypass_getvcpu_by_Five(&info, &key, LB_CAPWAP, &count, nullptr), 0);
+  EXPECT_EQ(count, 7u);
+}
+
+TEST_F(PipelineTest, SessionIdOfAKeepAliveAndEveryWayToRefuseIt) {
+  Bytes pkt(20, 0);
+  Bytes ka = KeepAlive();
+  pkt.insert(pkt.end(), ka.begin(), ka.end());
+  const uint32_t len = static_cast<uint32_t>(pkt.size());  // u + 8 + 8 + 22
+  uint32_t sid[4] = {};
+  ASSERT_EQ(bypass_getSessionId(sid, 12, pkt.data(), len), 0u);
+  EXPECT_EQ(sid[0], 0x01020304u);
+  EXPECT_EQ(sid[3], 0x0D0E0F10u);
+  EXPECT_EQ(bypass_getSessionId(nullptr, 12, pkt.data(), len), 100u);
+  EXPECT_EQ(bypass_getSessionId(sid, 12, nullptr, len), 100u);
+
+  SetDebugLevel(BYPASS_DEBUG_LEVEL_ERR);
+  auto refuse = [&](Bytes capwap, uint32_t cut, const std::string& text) {
+    Bytes p(20, 0);
+    p.insert(p.end(), capwap.begin(), capwap.end());
+    SetDebugLevel(BYPASS_DEBUG_LEVEL_ERR);
+    EXPECT_EQ(bypass_getSessionId(sid, 12, p.data(), static_cast<uint32_t>(p.size()) - cut), 100u);
+    EXPECT_EQ(DebugText(), text);
+  };
+  refuse(KeepAlive(0x88), 0, "");  // F bit: a fragment, no message
+  refuse(KeepAlive(0x00), 0, "");  // no K bit
+  refuse(KeepAlive(0x08, 21), 0, "\r\ngetSessionId err2(u16ElementLen=21).");
+  refuse(KeepAlive(0x08, 22, 36), 0, "\r\ngetSessionId err4(type=36,len=16).");
+  refuse(KeepAlive(), 1, "\r\ngetSessionId err3(len=49,ulOffSetUdpLen=12,capHdr=8).");
+  // Too short for the element length itself, and for the first CAPWAP words.
+  refuse(KeepAlive(), 21, "\r\ngetSessionId err3(len=29,ulOffSetUdpLen=12,capHdr=8).");
+  refuse(KeepAlive(), 35, "\r\ngetSessionId err1(len=15,ulOffSetUdpLen=12).");
+  EXPECT_EQ(bypass_getSessionId(sid, 0xFFFFFFF8u, pkt.data(), len), 100u);
+}
+
+TEST_F(PipelineTest, KeepAliveDispatchUsesTheSessionIdKey) {
+  wlan_.lb_type = LB_CAPWAP_KA;
+  Bytes pkt = Mc().ipv4(V4()).udp(5247, 5247).payload(KeepAlive()).build();
+  Result r = Dispatch(pkt);
+  EXPECT_EQ(r.count, 1u);
+  EXPECT_EQ(r.list[0], 9);
+  EXPECT_EQ(wlan_.session.ulSessionID[1], 0x05060708u);
+  EXPECT_EQ(wlan_.session.causeid, kCause);
+
+  SetDebugLevel(BYPASS_DEBUG_LEVEL_ERR);
+  Bytes bad = Mc().ipv4(V4()).udp(5247, 5247).payload(KeepAlive(0x88)).build();
+  EXPECT_EQ(Dispatch(bad).count, 0u);
+  EXPECT_EQ(DebugText(), "\r\nLB_CAPWAP_KA return,ret=100, get sessiondid err.");
+  SetDebugLevel(BYPASS_DEBUG_LEVEL_ERR);
+  Bytes arp = Mc().ether_type(0x0806).payload(40).build();
+  EXPECT_EQ(Dispatch(arp).count, 0u);
+  EXPECT_EQ(DebugText(), "\r\nLB_CAPWAP_KA return 1.");
+}
+
+TEST_F(PipelineTest, AccessAndPortKeysAndTheirRefusals) {
+  wlan_.lb_type = LB_AAA_MAC;
+  Bytes dhcp = Mc().ipv4(V4()).udp(68, 67).payload(10).build();
+  Result r = Dispatch(dhcp);
+  EXPECT_EQ(r.list[0], 9);
+  EXPECT_EQ(wlan_.access.smac[5], 0x02);
+  EXPECT_EQ(wlan_.access.dhcpFlag, BYPASS_DHCP_V4);
+  EXPECT_EQ(wlan_.access.ulUdpPktLen, 18u);
+  ASSERT_NE(wlan_.access.pucUdpPkt, nullptr);
+  EXPECT_EQ(wlan_.access.pucUdpPkt[1], 68);
+
+  wlan_.lb_type = LB_AAA_PORT;
+  wlan_.port_vcpus = {4, 5, 6};
+  Bytes tcp = Mc().ipv4(V4()).tcp(1812, 3799).build();
+  r = Dispatch(tcp);
+  EXPECT_EQ(r.count, 3u);
+  EXPECT_EQ(wlan_.port.sport, 1812u);
+  EXPECT_EQ(wlan_.port.dport, 3799u);
+  EXPECT_EQ(wlan_.port.ucUDPFlag, 0);
+  for (uint32_t v : {4u, 5u, 6u}) EXPECT_EQ(WlanCounter(v, 5), 1u) << v;
+
+  // Eight vCPUs are delivered to all but counted under 0, per type nowhere.
+  wlan_.port_vcpus = {1, 2, 3, 4, 5, 6, 7, 8};
+  EXPECT_EQ(Dispatch(tcp).count, 8u);
+  EXPECT_EQ(WlanCounter(1, 5), 0u);
+  EXPECT_EQ(Counters()[0], 1u);
+
+  // Port and CAPWAP lookups need the ports (and CAPWAP the IPv4 addresses).
+  SetDebugLevel(BYPASS_DEBUG_LEVEL_ERR);
+  Bytes icmp = Mc().ipv4(V4()).icmp(8, 0).build();
+  EXPECT_EQ(Dispatch(icmp).count, 0u);
+  wlan_.lb_type = LB_CAPWAP;
+  Bytes v6 = Mc().ipv6({}).udp(1, 2).build();
+  EXPECT_EQ(Dispatch(v6).count, 0u);
+  EXPECT_EQ(DebugText(),
+            "\r\nLB_AAA_PORT return, ulBmpInfo=7.\r\nLB_CAPWAP return,ulBmpInfo=1f0f.");
+}
+
+TEST_F(PipelineTest, PacketTypeStampLandsInsideThePacketOrNowhere) {
+  Bytes pkt = Mc().ipv4(V4()).udp(1, 2).build();
+  Dispatch(pkt);
+  EXPECT_EQ(pkt[12 + kHead - 1], 5);  // the byte before the Ethernet header
+
+  cfg_.ulIsNoHgHdr = 0;
+  cfg_.ulHgHdrOffset = 4;
+  Apply();
+  pkt = Mc().ipv4(V4()).udp(1, 2).build();
+  Dispatch(pkt);
+  EXPECT_EQ(pkt[12 + 4 + 2], 5);  // byte 2 of the HiGig2 header
+
+  // Past the end: skipped.
+  cfg_.ulHgHdrOffset = 5000;
+  Apply();
+  Bytes before = Mc().ipv4(V4()).udp(1, 2).build();
+  pkt = before;
+  EXPECT_EQ(Dispatch(pkt).count, 1u);
+  EXPECT_EQ(pkt, before);
+
+  // A miss (vCPU 0 from the table) is still a count of 1 and stamped; an
+  // unknown cause ID is neither looked up nor stamped.
+  cfg_.ulHgHdrOffset = 0;
+  Apply();
+  pkt = Mc(1).ipv4(V4()).udp(1, 2).build();
+  before = pkt;
+  EXPECT_EQ(Dispatch(pkt).count, 0u);
+  EXPECT_EQ(pkt, before);
+  EXPECT_EQ(wlan_.lookups, 3);
+}
+
+TEST_F(PipelineTest, StampBeforeThePacketIsSkipped) {
+  // With no HiGig2 header and the Ethernet header at 0 there is no byte
+  // before it to stamp.
+  cfg_.ulMacOffset = 0;
+  cfg_.ulCauseIdOffset = 0;
+  Apply();
+  PacketBuilder b;
+  b.prefix(1, 0, kMcEth).ethernet(Mac("00:11:22:33:44:55"), Mac("00:00:5e:00:01:02"));
+  Bytes pkt = b.ipv4(V4()).udp(1, 2).payload(8).build();
+  // The cause ID then sits in the IPv4 header (bytes 18-19 of the packet).
+  wlan_.cause_id = static_cast<uint16_t>(((pkt[12 + 18] << 8) | pkt[12 + 19]) >> 3);
+  Bytes before = pkt;
+  Result r;
+  EXPECT_EQ(bypass_proc_msg_multicore(pkt.data() + 12, static_cast<uint32_t>(pkt.size() - 12),
+                                      &r.count, r.list),
+            0u);
+  EXPECT_EQ(r.count, 1u);
+  EXPECT_EQ(pkt, before);
+}
+
+TEST_F(PipelineTest, ShortPacketsFailEachTestWithoutReadingPastTheirEnd) {
+  // Every length of a full frame, cut short, into a buffer of exactly that
+  // size (ASan catches a read past it).
+  const Bytes full = Mc().ipv4(V4()).udp(5247, 5247).payload(KeepAlive()).build();
+  for (auto type : {LB_CAPWAP, LB_CAPWAP_KA, LB_AAA_MAC, LB_AAA_PORT}) {
+    wlan_.lb_type = type;
+    for (size_t len = 0; len <= full.size() - 12; ++len) {
+      Bytes pkt(full.begin() + 12, full.begin() + 12 + static_cast<long>(len));
+      Result r;
+      uint8_t* data = pkt.empty() ? nullptr : pkt.data();
+      const uint32_t ret =
+          bypass_proc_msg_multicore(data, static_cast<uint32_t>(len), &r.count, r.list);
+      if (data == nullptr) {
+        EXPECT_EQ(ret, 100u);
+      }
+    }
+  }
+  // An Ethernet offset past the packet is refused.
+  Bytes tiny(10, 0);
+  Result r;
+  EXPECT_EQ(bypass_proc_msg_multicore(tiny.data(), 10, &r.count, r.list), 100u);
+}
+
+}  // namespace
+}  // namespace vane::test
