@@ -22,19 +22,7 @@ void Load(const benchmark::State&) {
   vane_entry_init();
   BYPASS_PKT_OFFSET_S cfg = TestRanges();
   bypass_set_pktOffsetAndDebugFlag(5, reinterpret_cast<uint8_t*>(&cfg), sizeof(cfg));
-  BYPASS_LB_TABLE_S t{};
-  t.ulEnable = 1;
-  t.ulVcpuId = 5;
-  t.ulCauseIdNum = 4;
-  t.ausCauseId[0] = 10;
-  t.ausCauseId[1] = 11;
-  t.ausCauseId[2] = 12;
-  t.ausCauseId[3] = 13;
-  t.usCauseIdMin = 100;
-  t.usCauseIdMax = 200;
-  bypass_set_ivo_lb_table(NETLINK_MID_IVO_LB, reinterpret_cast<u8*>(&t), sizeof(t));
-  TIMNG_KERNEL_MSG_S m{300, 7, 1, 0};
-  TIMNG_LB_InitKernel(NETLINK_MID_TIMNG, reinterpret_cast<u8*>(&m), sizeof(m));
+  InstallBenchSteering();
 }
 void Unload(const benchmark::State&) { vane_entry_exit(); }
 

@@ -26,6 +26,11 @@ Bytes EcmFrame(uint32_t eth_num, uint8_t vcpu, const EcmFrameOptions& opt = {});
 // 20..29, ECM interface 3, VP interfaces 40..49, Ethernet header at 0.
 BYPASS_PKT_OFFSET_S TestRanges();
 
+// The steering and TIMNG setup the benchmarks decide against: the ivo table
+// sends cause IDs 10..13 (list) and 100..200 (range) to vCPU 5; TIMNG, on a
+// master board, sends cause ID 300 to vCPU 7.
+void InstallBenchSteering();
+
 }  // namespace vane::test
 
 #endif  // VANE_TESTS_SUPPORT_FRAMES_H
