@@ -31,8 +31,7 @@ namespace {
 
 namespace fault = kport::user::fault;
 
-constexpr uint32_t kHead = 24;  // bytes before the Ethernet header
-constexpr uint16_t kVpType = 0x8899;
+constexpr uint32_t kHead = kCascadeHead;
 constexpr uint16_t kCapwapCause = 400;
 constexpr uint16_t kScanCause = 301;
 
@@ -53,13 +52,6 @@ const char* const kNames[kKinds] = {"ecm",         "vp_direct",   "vp_middle",  
                                     "steer_range", "timng_cause", "timng_scan", "default",
                                     "five_none",   "five_middle"};
 
-Bytes Head(uint16_t cause) {
-  Bytes b(kHead, 0);
-  b[18] = static_cast<uint8_t>(cause >> 5);
-  b[19] = static_cast<uint8_t>((cause << 3) & 0xFF);
-  return b;
-}
-
 // Fragments without a UDP header of their own (and VP inner datagrams) name
 // UDP as their protocol.
 Ipv4Options V4(uint32_t salt, bool mf, uint16_t off, bool udp = false) {
@@ -74,7 +66,7 @@ Ipv4Options V4(uint32_t salt, bool mf, uint16_t off, bool udp = false) {
 Bytes Plain(uint16_t cause, uint32_t salt, bool mf = false, uint16_t off = 0) {
   PacketBuilder b;
   b.prefix(1, 0, 21)
-      .bytes(Head(cause))
+      .bytes(CauseHead(cause))
       .ethernet(Mac("00:11:22:33:44:55"), Mac("00:00:5e:00:01:02"));
   b.ipv4(V4(salt, mf, off));
   if (off == 0) b.udp(5246, 5247);
@@ -84,9 +76,9 @@ Bytes Plain(uint16_t cause, uint32_t salt, bool mf = false, uint16_t off = 0) {
 Bytes Vp(uint8_t vcpu, uint8_t mark, uint32_t salt, bool mf, uint16_t off) {
   PacketBuilder b;
   b.prefix(1, 0, 21)
-      .bytes(Head(1))
+      .bytes(CauseHead(1))
       .ethernet({0x0A, 0x0B, 0x0B, vcpu, 0, 0}, Mac("00:00:5e:00:01:09"))
-      .ether_type(kVpType)
+      .ether_type(kCascadeVpType)
       .bytes({mark, 0})
       .ethernet(Mac("00:11:22:33:44:55"), Mac("00:00:5e:00:01:02"))
       .ipv4(V4(salt, mf, off, true));
@@ -136,14 +128,8 @@ ScopedWlanStandIn* g_scoped = nullptr;
 
 void Load(const benchmark::State&) {
   vane_entry_init();
-  BYPASS_PKT_OFFSET_S cfg = TestRanges();
+  BYPASS_PKT_OFFSET_S cfg = CascadeConfig();
   cfg.ulMultiCoreEthNumMin = 20;
-  cfg.ulMacOffset = kHead;
-  cfg.ulIsNoHgHdr = 1;
-  cfg.ulVpEthType = kVpType;
-  cfg.ulFirstFragFlagOffset = 14;
-  cfg.ulVpInnerOffset = 16;
-  cfg.ulVpFragInnerOffset = 16;
   bypass_set_pktOffsetAndDebugFlag(5, reinterpret_cast<uint8_t*>(&cfg), sizeof(cfg));
   InstallBenchSteering();
   TIMNG_KERNEL_MSG_S scan{kScanCause, 8, 1, 1};

@@ -28,23 +28,15 @@
 namespace vane::test {
 namespace {
 
-constexpr uint32_t kHead = 24;  // bytes before the Ethernet header
+constexpr uint32_t kHead = kCascadeHead;
 constexpr uint32_t kMcEth = 21;
-constexpr uint16_t kVpType = 0x8899;
 constexpr uint16_t kCause = 300;
-
-Bytes Head(uint16_t cause) {
-  Bytes b(kHead, 0);
-  b[18] = static_cast<uint8_t>(cause >> 5);
-  b[19] = static_cast<uint8_t>((cause << 3) & 0xFF);
-  return b;
-}
 
 // A multi-core packet: IPv4 UDP from 10.1.1.1:5246 to 10.1.1.2:5247.
 Bytes Plain(uint16_t cause) {
   return PacketBuilder()
       .prefix(1, 0, kMcEth)
-      .bytes(Head(cause))
+      .bytes(CauseHead(cause))
       .ethernet(Mac("00:11:22:33:44:55"), Mac("00:00:5e:00:01:02"))
       .ipv4({.src = Ipv4Addr("10.1.1.1"), .dst = Ipv4Addr("10.1.1.2")})
       .udp(5246, 5247)
@@ -57,9 +49,9 @@ Bytes Plain(uint16_t cause) {
 Bytes Vp(uint16_t cause, uint8_t vcpu, uint8_t mark, bool mf, uint16_t off) {
   PacketBuilder b;
   b.prefix(1, 0, kMcEth)
-      .bytes(Head(cause))
+      .bytes(CauseHead(cause))
       .ethernet({0x0A, 0x0B, 0x0B, vcpu, 0, 0}, Mac("00:00:5e:00:01:09"))
-      .ether_type(kVpType)
+      .ether_type(kCascadeVpType)
       .bytes({mark, 0})
       .ethernet(Mac("00:11:22:33:44:55"), Mac("00:00:5e:00:01:02"))
       .ipv4({.src = Ipv4Addr("10.9.9.1"),
@@ -81,13 +73,6 @@ BYPASS_LB_TABLE_S Table(uint32_t type, uint32_t vcpu, std::vector<uint16_t> caus
   return t;
 }
 
-template <typename T>
-Bytes Raw(const T& v) {
-  Bytes b(sizeof(v));
-  std::memcpy(b.data(), &v, sizeof(v));
-  return b;
-}
-
 class CascadeTest : public ModuleTest {
  protected:
   void SetUp() override {
@@ -98,14 +83,7 @@ class CascadeTest : public ModuleTest {
       workers_[v] = std::make_unique<Worker>(7000 + v);
       ASSERT_EQ(workers_[v]->Register(kNormal, v), 0);
     }
-    BYPASS_PKT_OFFSET_S cfg = TestRanges();
-    cfg.ulMacOffset = kHead;
-    cfg.ulIsNoHgHdr = 1;
-    cfg.ulVpEthType = kVpType;
-    cfg.ulFirstFragFlagOffset = 14;
-    cfg.ulVpInnerOffset = 16;
-    cfg.ulVpFragInnerOffset = 16;
-    ASSERT_EQ(ctl_->Configure(cfg), 0);
+    ASSERT_EQ(ctl_->Configure(CascadeConfig()), 0);
     wlan_.cause_id = kCause;
     wlan_.lb_type = LB_CAPWAP;
     wlan_.pkt_type = 4;
@@ -136,11 +114,11 @@ class CascadeTest : public ModuleTest {
     return where;
   }
   void Ivo(uint32_t vcpu, std::vector<uint16_t> causes) {
-    ASSERT_EQ(ctl_->Control(NETLINK_MID_IVO_LB, Raw(Table(0, vcpu, causes))), 0);
+    ASSERT_EQ(ctl_->Control(NETLINK_MID_IVO_LB, RecordBytes(Table(0, vcpu, causes))), 0);
   }
   void Timng(uint32_t cause, uint32_t node, uint32_t scan = 0) {
     TIMNG_KERNEL_MSG_S m{cause, node, 1, scan};
-    ASSERT_EQ(ctl_->Control(NETLINK_MID_TIMNG, Raw(m)), 0);
+    ASSERT_EQ(ctl_->Control(NETLINK_MID_TIMNG, RecordBytes(m)), 0);
   }
   static std::map<uint32_t, uint32_t> NonZero() {
     std::map<uint32_t, uint32_t> m;
@@ -196,7 +174,7 @@ TEST_F(CascadeTest, InternalFramesBeatSteeringTablesWhichBeatTimngWhichBeatsWlan
   // ... and, switched off, TIMNG beats the WLAN step: no lookup, no stamp.
   BYPASS_LB_TABLE_S off = Table(0, 9, {kCause});
   off.ulEnable = 0;
-  ASSERT_EQ(ctl_->Control(NETLINK_MID_IVO_LB, Raw(off)), 0);
+  ASSERT_EQ(ctl_->Control(NETLINK_MID_IVO_LB, RecordBytes(off)), 0);
   EXPECT_EQ(SendAndWhere(Plain(kCause)), 3);
   EXPECT_EQ(last_[12 + kHead - 1], 0);
   EXPECT_EQ(wlan_.lookups, 0);
@@ -245,7 +223,7 @@ TEST_F(CascadeTest, TimngScanFragmentsGoToTheDefaultReceiverAheadOfTimngAndWlan)
   auto frag = [](bool mf, uint16_t off) {
     PacketBuilder b;
     b.prefix(1, 0, kMcEth)
-        .bytes(Head(kCause))
+        .bytes(CauseHead(kCause))
         .ethernet(Mac("00:11:22:33:44:55"), Mac("00:00:5e:00:01:02"))
         .ipv4({.src = Ipv4Addr("10.1.1.1"),
                .dst = Ipv4Addr("10.1.1.2"),

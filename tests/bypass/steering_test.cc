@@ -15,6 +15,7 @@
 #include "drv_vane/steering.h"
 #include "kport/printk.h"
 #include "kport/user/testing.h"
+#include "support/frames.h"
 #include "support/module_env.h"
 
 namespace vane::test {
@@ -41,9 +42,7 @@ BYPASS_LB_TABLE_S Table(uint32_t type, uint32_t vcpu, std::initializer_list<uint
 }
 
 std::vector<uint8_t> Payload(const BYPASS_LB_TABLE_S& t, size_t len = sizeof(BYPASS_LB_TABLE_S)) {
-  std::vector<uint8_t> p(len);
-  std::memcpy(p.data(), &t, std::min(len, sizeof(t)));
-  return p;
+  return RecordBytes(t, len);
 }
 
 struct Lookup {

@@ -28,6 +28,24 @@ BYPASS_PKT_OFFSET_S TestRanges() {
   return cfg;
 }
 
+Bytes CauseHead(uint16_t cause) {
+  Bytes b(kCascadeHead, 0);
+  b[18] = static_cast<uint8_t>(cause >> 5);
+  b[19] = static_cast<uint8_t>((cause << 3) & 0xFF);
+  return b;
+}
+
+BYPASS_PKT_OFFSET_S CascadeConfig() {
+  BYPASS_PKT_OFFSET_S cfg = TestRanges();
+  cfg.ulMacOffset = kCascadeHead;
+  cfg.ulIsNoHgHdr = 1;
+  cfg.ulVpEthType = kCascadeVpType;
+  cfg.ulFirstFragFlagOffset = 14;
+  cfg.ulVpInnerOffset = 16;
+  cfg.ulVpFragInnerOffset = 16;
+  return cfg;
+}
+
 void InstallBenchSteering() {
   BYPASS_LB_TABLE_S t{};
   t.ulEnable = 1;

@@ -2,7 +2,9 @@
 #ifndef VANE_TESTS_SUPPORT_FRAMES_H
 #define VANE_TESTS_SUPPORT_FRAMES_H
 
+#include <algorithm>
 #include <cstdint>
+#include <cstring>
 
 #include "drv_vane/config.h"
 #include "support/packet_builder.h"
@@ -25,6 +27,26 @@ Bytes EcmFrame(uint32_t eth_num, uint8_t vcpu, const EcmFrameOptions& opt = {});
 // The suites' usual configuration: dispatch on, multi-core interfaces
 // 20..29, ECM interface 3, VP interfaces 40..49, Ethernet header at 0.
 BYPASS_PKT_OFFSET_S TestRanges();
+
+// The cascade suites' layout of multi-core packets: no HiGig2 header, the
+// Ethernet header kCascadeHead bytes in, the cause ID at bytes 18-19, and
+// internal VP frames with EtherType kCascadeVpType, the first-fragment mark
+// at byte 14 of the outer frame and the inner frame at byte 16.
+constexpr uint32_t kCascadeHead = 24;
+constexpr uint16_t kCascadeVpType = 0x8899;
+// The kCascadeHead bytes before the Ethernet header, carrying `cause`.
+Bytes CauseHead(uint16_t cause);
+// TestRanges() with the layout above.
+BYPASS_PKT_OFFSET_S CascadeConfig();
+
+// A record's bytes as a control message carries them, cut or zero-padded
+// to `len`.
+template <typename T>
+Bytes RecordBytes(const T& record, size_t len = sizeof(T)) {
+  Bytes b(len, 0);
+  std::memcpy(b.data(), &record, std::min(len, sizeof(T)));
+  return b;
+}
 
 // The steering and TIMNG setup the benchmarks decide against: the ivo table
 // sends cause IDs 10..13 (list) and 100..200 (range) to vCPU 5; TIMNG, on a

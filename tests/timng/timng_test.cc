@@ -13,6 +13,7 @@
 #include "drv_vane/debug.h"
 #include "drv_vane/netlink.h"
 #include "drv_vane/timng.h"
+#include "support/frames.h"
 #include "support/module_env.h"
 
 namespace vane::test {
@@ -20,10 +21,7 @@ namespace {
 
 std::vector<uint8_t> Msg(uint32_t cause, uint32_t node, uint32_t master, uint32_t scan,
                          size_t len = TIMNG_MSG_PAYLOAD_LEN) {
-  TIMNG_KERNEL_MSG_S m{cause, node, master, scan};
-  std::vector<uint8_t> p(len);
-  std::memcpy(p.data(), &m, std::min(len, sizeof(m)));
-  return p;
+  return RecordBytes(TIMNG_KERNEL_MSG_S{cause, node, master, scan}, len);
 }
 
 struct Answer {
