@@ -5,7 +5,8 @@ set -euo pipefail
 
 packages=(cmake ninja-build g++ make binutils libgtest-dev libgmock-dev libbenchmark-dev
           clang clang-format clang-tidy python3
-          sparse libclang-rt-14-dev)  # sparse.sh; libFuzzer's runtime for fuzz.sh
+          sparse libclang-rt-14-dev  # sparse.sh; libFuzzer's runtime for fuzz.sh
+          liburcu-dev)  # the user backend's RCU
 
 missing=()
 for p in "${packages[@]}"; do

@@ -6,6 +6,7 @@
 // holder on the same processor would otherwise spin on the lock for ever.
 // The table takes no other lock, so no lock order exists to get wrong. The
 // key callback runs before the lock, the match callback under it.
+#include "container/hash_internal.h"
 #include "drv_vane/container.h"
 #include "kport/bndsafe.h"
 #include "kport/cxx/guard.h"
@@ -14,21 +15,6 @@
 
 namespace vane {
 namespace {
-
-// Bucket of a key, or nullptr when the key callback gives none.
-LIST_HEAD_S* bucket_of(HASH_TABLE_S* table, const void* key) {
-  u64 index = table->pfnHashKey(key);
-  if (index >= table->ulBucketNum) return nullptr;
-  return &table->astBucket[index];
-}
-
-void count_up(HASH_TABLE_S* table) {
-  if (table->ulElemCnt < HASH_ELEM_CNT_MAX) ++table->ulElemCnt;
-}
-
-void count_down(HASH_TABLE_S* table) {
-  if (table->ulElemCnt > 0) --table->ulElemCnt;
-}
 
 u32 add_unlocked(HASH_TABLE_S* table, LIST_HEAD_S* bucket, void* data) {
   u32 ret = LIST_AppendNode(bucket, data);
@@ -106,13 +92,6 @@ extern "C" u32 HASH_AddNode(HASH_TABLE_S* pstTable, const void* pKey, void* pDat
   return vane::add_unlocked(pstTable, bucket, pData);
 }
 
-extern "C" u32 HASH_AddNode_LB_New(HASH_TABLE_S* pstTable, const void* pKey, void* pData) {
-  if (pstTable == nullptr || pKey == nullptr || pData == nullptr) return HASH_NOT_FOUND;
-  LIST_HEAD_S* bucket = vane::bucket_of(pstTable, pKey);
-  if (bucket == nullptr) return HASH_ERR_BUCKET;
-  return vane::add_unlocked(pstTable, bucket, pData);
-}
-
 extern "C" void* HASH_FindElemFromFirstList(HASH_TABLE_S* pstTable, const void* pKey) {
   if (pstTable == nullptr || pKey == nullptr) return nullptr;
   LIST_HEAD_S* bucket = vane::bucket_of(pstTable, pKey);
@@ -121,25 +100,11 @@ extern "C" void* HASH_FindElemFromFirstList(HASH_TABLE_S* pstTable, const void* 
   return vane::find_unlocked(pstTable, bucket, pKey);
 }
 
-extern "C" void* HASH_FindElemFromFirstList_LB_New(HASH_TABLE_S* pstTable, const void* pKey) {
-  if (pstTable == nullptr || pKey == nullptr) return nullptr;
-  LIST_HEAD_S* bucket = vane::bucket_of(pstTable, pKey);
-  if (bucket == nullptr) return nullptr;
-  return vane::find_unlocked(pstTable, bucket, pKey);
-}
-
 extern "C" u32 HASH_RemoveElmtByKey(HASH_TABLE_S* pstTable, const void* pKey) {
   if (pstTable == nullptr || pKey == nullptr) return HASH_ERR_ARG;
   LIST_HEAD_S* bucket = vane::bucket_of(pstTable, pKey);
   if (bucket == nullptr) return HASH_ERR_BUCKET;
   kport::WriteGuard guard(&pstTable->stLock);
-  return vane::remove_unlocked(pstTable, bucket, pKey);
-}
-
-extern "C" u32 HASH_RemoveElmtByKey_LB_New(HASH_TABLE_S* pstTable, const void* pKey) {
-  if (pstTable == nullptr || pKey == nullptr) return HASH_ERR_ARG;
-  LIST_HEAD_S* bucket = vane::bucket_of(pstTable, pKey);
-  if (bucket == nullptr) return HASH_ERR_BUCKET;
   return vane::remove_unlocked(pstTable, bucket, pKey);
 }
 

@@ -19,6 +19,7 @@
 #include "kport/printk.h"
 #include "netlink/netlink_internal.h"
 #include "timng/timng_internal.h"
+#include "wlan_lb/wlan_lb_internal.h"
 
 namespace vane {
 namespace {
@@ -79,13 +80,16 @@ extern "C" int bypass_dev_init(void) {
     counters_destroy();
     return -KPORT_ENOMEM;
   }
+  // The WLAN views log their own failures and never fail the start-up.
+  WLAN_LB_InitSysfs();
   return 0;
 }
 
 extern "C" int bypass_dev_exit(void) {
   using namespace vane;
-  // The proc files go first: their removal waits for running readers, after
-  // which nothing can reach the buffers freed below.
+  // The files go first: their removal waits for running readers, after
+  // which nothing can reach the buffers and tables freed below.
+  WLAN_LB_ExitSysfs();
   bypass_proc_exit();
   capture_store_destroy();
   debug_buffer_destroy();
@@ -130,8 +134,10 @@ extern "C" int vane_entry_init(void) {
   debug_settings_reset();
   steering_init();
   timng_init();
+  wlan_lb_init();
   int ret = netlink_dev_init();
   if (ret != 0) {
+    wlan_lb_exit();
     timng_exit();
     steering_exit();
     config_exit();
@@ -141,6 +147,7 @@ extern "C" int vane_entry_init(void) {
 
 extern "C" void vane_entry_exit(void) {
   (void)netlink_dev_exit();
+  vane::wlan_lb_exit();
   vane::timng_exit();
   vane::steering_exit();
   vane::config_exit();

@@ -10,6 +10,7 @@
 #include "drv_vane/netlink.h"
 #include "drv_vane/steering.h"
 #include "drv_vane/timng.h"
+#include "drv_vane/wlan_lb.h"
 #include "kport/errno.h"
 #include "kport/netlink.h"
 #include "netlink/netlink_internal.h"
@@ -72,9 +73,12 @@ int route(struct sk_buff* skb, u32 id, const Payload& p) {
       bypass_set_pktOffsetAndDebugFlag(id, p.data, p.len_field);
       return 0;
     case NETLINK_MID_WLAN_LB:
-      // The load-balancing tables that consume this message are not part of
-      // this build yet: the message is traced and otherwise ignored.
+      // The handler reads its 8-byte head and then trusts the length field:
+      // a message without the head, or claiming more than it carries, is
+      // refused before anything is counted or applied.
+      if (p.len_field < WLAN_LB_MSG_HEAD_LEN || p.len_field > p.avail) return -KPORT_EINVAL;
       bypass_debug_out(BYPASS_DEBUG_LEVEL_ERR, "\r\nNETLINK_MID_WLAN_LB.");
+      (void)WLAN_LB_PacketDistribute_Proc(id, p.data, p.len_field);
       return 0;
     case NETLINK_MID_IVO_LB:
       // A short message is refused whole: half a table would steer by

@@ -1,59 +1,10 @@
 // The packet's vCPUs by LB type: one entry that picks the table.
 //
 // Context: the packet path, any processor; reads tables only, takes no lock,
-// allocates nothing. The per-table lookups below are the seams where the
-// CAPWAP, keep-alive, NAC and socket-port tables plug in; until they exist
-// each finds nothing.
+// allocates nothing. The per-table lookups live with their tables.
 #include "drv_vane/debug.h"
 #include "drv_vane/wlan_lb.h"
 #include "wlan_lb/wlan_lb_internal.h"
-
-#ifndef __KERNEL__
-#define VANE_WLAN_HOOK(name, ...)                                        \
-  do {                                                                   \
-    const vane::WlanLbTestHooks* h = vane::wlan_lb_test_hooks();         \
-    if (h != nullptr && h->name != nullptr) return h->name(__VA_ARGS__); \
-  } while (0)
-#else
-#define VANE_WLAN_HOOK(name, ...) \
-  do {                            \
-  } while (0)
-#endif
-
-extern "C" u32 WLAN_LB_GetVCPUIDByCAPWAPKey(const WLAN_LB_FIVE_TUPLE_S* pstKey, u64* pullVcpu) {
-  VANE_WLAN_HOOK(capwap, pstKey, pullVcpu);
-  (void)pstKey;
-  (void)pullVcpu;
-  return WLAN_LB_ERR;
-}
-
-extern "C" u32 WLAN_LB_GetVCPUIDByCAPWAPSessionidKey(const WLAN_LB_SESSION_KEY_S* pstKey,
-                                                     u64* pullVcpu) {
-  VANE_WLAN_HOOK(capwap_ka, pstKey, pullVcpu);
-  (void)pstKey;
-  (void)pullVcpu;
-  return WLAN_LB_ERR;
-}
-
-extern "C" u32 WLAN_LB_GetAAAAccessVcpuID(const WLAN_LB_ACCESS_INFO_S* pstKey, u64* pullVcpu) {
-  VANE_WLAN_HOOK(aaa_mac, pstKey, pullVcpu);
-  (void)pstKey;
-  // An empty NAC list: the access lookup always names vCPU 0 on a miss.
-  if (pullVcpu != nullptr) *pullVcpu = 0;
-  return WLAN_LB_ERR;
-}
-
-extern "C" u32 WLAN_LB_GetAAAPortVcpuID(const WLAN_LB_PORT_INFO_S* pstKey, u32* pulVcpuNum,
-                                        u8* pucVcpuIds) {
-  VANE_WLAN_HOOK(aaa_port, pstKey, pulVcpuNum, pucVcpuIds);
-  (void)pstKey;
-  // No socket-port entry: the port lookup's "no opinion" is one vCPU 0.
-  if (pulVcpuNum != nullptr && pucVcpuIds != nullptr) {
-    *pulVcpuNum = 1;
-    pucVcpuIds[0] = 0;
-  }
-  return WLAN_LB_OK;
-}
 
 extern "C" u32 WLAN_LB_GetPktVCPUID(const void* pKey, u32 ulLBType, u32* pulVcpuNum,
                                     u8* pucVcpuIds) {

@@ -6,6 +6,7 @@
 
 #include "drv_vane/container.h"
 #include "kport/mem.h"
+#include "kport/rcu.h"
 #include "kport/user/testing.h"
 
 namespace {
@@ -31,6 +32,8 @@ class HashTest : public ::testing::Test {
   void SetUp() override { live_ = kport::user::LiveAllocations(); }
   void TearDown() override {
     HASH_Destroy(table_);
+    // An _LB_New removal frees its record after a grace period.
+    kport_rcu_barrier();
     fault::ClearAll();
     EXPECT_EQ(kport::user::LiveAllocations(), live_);
   }

@@ -216,7 +216,7 @@ TEST_F(ControlTest, ConfigurationAndTableMessagesLeaveTheirTraceLines) {
   SetDebugLevel(BYPASS_DEBUG_LEVEL_ERR);
   EXPECT_EQ(w.Configure(BYPASS_PKT_OFFSET_S{}), 0);
   EXPECT_EQ(w.Debug(9), 0);
-  EXPECT_EQ(w.Control(NETLINK_MID_WLAN_LB, {0, 0, 0, 0}), 0);
+  EXPECT_EQ(w.Control(NETLINK_MID_WLAN_LB, {9, 0, 0, 0, 0, 0, 0, 0}), 0);
   EXPECT_EQ(w.Control(NETLINK_MID_TIMNG, std::vector<uint8_t>(16, 0)), 0);
   EXPECT_EQ(w.Control(NETLINK_MID_TIMNG_MASTER, std::vector<uint8_t>(16, 0)), 0);
   EXPECT_EQ(w.Control(NETLINK_MID_IVO_LB, std::vector<uint8_t>(60, 0)), 0);

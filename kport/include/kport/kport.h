@@ -13,6 +13,7 @@
 #include "kport/netlink.h"
 #include "kport/printk.h"
 #include "kport/procfs.h"
+#include "kport/rcu.h"
 #include "kport/sysfs.h"
 #include "kport/time.h"
 #include "kport/timer.h"

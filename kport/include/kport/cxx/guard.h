@@ -4,6 +4,7 @@
 #define KPORT_CXX_GUARD_H
 
 #include "kport/lock.h"
+#include "kport/rcu.h"
 
 namespace kport {
 
@@ -62,6 +63,15 @@ class KPORT_SCOPED_CAPABILITY SpinGuardIrq {
  private:
   kport_spinlock_t* lock_;
   unsigned long flags_ = 0;
+};
+
+// RCU read-side section: no lock, no waiting, nothing may sleep inside.
+class RcuReadGuard {
+ public:
+  RcuReadGuard() { kport_rcu_read_lock(); }
+  ~RcuReadGuard() { kport_rcu_read_unlock(); }
+  RcuReadGuard(const RcuReadGuard&) = delete;
+  RcuReadGuard& operator=(const RcuReadGuard&) = delete;
 };
 
 }  // namespace kport
