@@ -76,6 +76,16 @@ EXPORT_SYMBOL(WLAN_LB_GetVCPUIDByCAPWAPSessionidKey);
 EXPORT_SYMBOL(WLAN_LB_GetAAAAccessVcpuID);
 EXPORT_SYMBOL(WLAN_LB_GetAAAPortVcpuID);
 
+/* WLAN LB state, messages and views. */
+EXPORT_SYMBOL(g_ulIsLBInited);
+EXPORT_SYMBOL(g_ulKernelLBBoardType);
+EXPORT_SYMBOL(g_ulMessageStatistics);
+EXPORT_SYMBOL(g_CAPWAP_LB_Table);
+EXPORT_SYMBOL(g_CAPWAP_KEEP_ALIVE_LB_Table);
+EXPORT_SYMBOL(WLAN_LB_PacketDistribute_Proc);
+EXPORT_SYMBOL(WLAN_LB_InitSysfs);
+EXPORT_SYMBOL(WLAN_LB_ExitSysfs);
+
 /* Cause-ID steering tables and their statistics. */
 EXPORT_SYMBOL(g_bypass_ivo_lb_table);
 EXPORT_SYMBOL(g_bypass_deteption_lb_table);
