@@ -51,19 +51,6 @@ Ipv4Options V4(bool mf = false, uint16_t off = 0, uint16_t id = 0x4321) {
           .frag_offset = off};
 }
 
-// A CAPWAP data keep-alive behind UDP: HLEN 2, one session-ID element.
-Bytes KeepAlive(uint32_t flags = 0x08, uint16_t elen = 22, uint16_t type = 35, uint16_t len = 16) {
-  Bytes b = {0x00, 0x10, 0x00, static_cast<uint8_t>(flags), 0, 0, 0, 0};  // HLEN 2 at bits 19-23
-  b.push_back(static_cast<uint8_t>(elen >> 8));
-  b.push_back(static_cast<uint8_t>(elen));
-  b.push_back(static_cast<uint8_t>(type >> 8));
-  b.push_back(static_cast<uint8_t>(type));
-  b.push_back(static_cast<uint8_t>(len >> 8));
-  b.push_back(static_cast<uint8_t>(len));
-  for (uint8_t i = 1; i <= 16; ++i) b.push_back(i);
-  return b;
-}
-
 class PipelineTest : public ModuleTest {
  protected:
   void SetUp() override {
@@ -176,7 +163,7 @@ TEST_F(PipelineTest, FiveTupleKeepsEveryFragmentOfADatagramOnTheFirstOnesVcpu) {
 
 TEST_F(PipelineTest, SessionIdOfAKeepAliveAndEveryWayToRefuseIt) {
   Bytes pkt(20, 0);
-  Bytes ka = KeepAlive();
+  Bytes ka = KeepAlivePayload();
   pkt.insert(pkt.end(), ka.begin(), ka.end());
   const uint32_t len = static_cast<uint32_t>(pkt.size());  // u + 8 + 8 + 22
   uint32_t sid[4] = {};
@@ -194,20 +181,20 @@ TEST_F(PipelineTest, SessionIdOfAKeepAliveAndEveryWayToRefuseIt) {
     EXPECT_EQ(bypass_getSessionId(sid, 12, p.data(), static_cast<uint32_t>(p.size()) - cut), 100u);
     EXPECT_EQ(DebugText(), text);
   };
-  refuse(KeepAlive(0x88), 0, "");  // F bit: a fragment, no message
-  refuse(KeepAlive(0x00), 0, "");  // no K bit
-  refuse(KeepAlive(0x08, 21), 0, "\r\ngetSessionId err2(u16ElementLen=21).");
-  refuse(KeepAlive(0x08, 22, 36), 0, "\r\ngetSessionId err4(type=36,len=16).");
-  refuse(KeepAlive(), 1, "\r\ngetSessionId err3(len=49,ulOffSetUdpLen=12,capHdr=8).");
+  refuse(KeepAlivePayload(0x88), 0, "");  // F bit: a fragment, no message
+  refuse(KeepAlivePayload(0x00), 0, "");  // no K bit
+  refuse(KeepAlivePayload(0x08, 21), 0, "\r\ngetSessionId err2(u16ElementLen=21).");
+  refuse(KeepAlivePayload(0x08, 22, 36), 0, "\r\ngetSessionId err4(type=36,len=16).");
+  refuse(KeepAlivePayload(), 1, "\r\ngetSessionId err3(len=49,ulOffSetUdpLen=12,capHdr=8).");
   // Too short for the element length itself, and for the first CAPWAP words.
-  refuse(KeepAlive(), 21, "\r\ngetSessionId err3(len=29,ulOffSetUdpLen=12,capHdr=8).");
-  refuse(KeepAlive(), 35, "\r\ngetSessionId err1(len=15,ulOffSetUdpLen=12).");
+  refuse(KeepAlivePayload(), 21, "\r\ngetSessionId err3(len=29,ulOffSetUdpLen=12,capHdr=8).");
+  refuse(KeepAlivePayload(), 35, "\r\ngetSessionId err1(len=15,ulOffSetUdpLen=12).");
   EXPECT_EQ(bypass_getSessionId(sid, 0xFFFFFFF8u, pkt.data(), len), 100u);
 }
 
 TEST_F(PipelineTest, KeepAliveDispatchUsesTheSessionIdKey) {
   wlan_.lb_type = LB_CAPWAP_KA;
-  Bytes pkt = Mc().ipv4(V4()).udp(5247, 5247).payload(KeepAlive()).build();
+  Bytes pkt = Mc().ipv4(V4()).udp(5247, 5247).payload(KeepAlivePayload()).build();
   Result r = Dispatch(pkt);
   EXPECT_EQ(r.count, 1u);
   EXPECT_EQ(r.list[0], 9);
@@ -215,7 +202,7 @@ TEST_F(PipelineTest, KeepAliveDispatchUsesTheSessionIdKey) {
   EXPECT_EQ(wlan_.session.causeid, kCause);
 
   SetDebugLevel(BYPASS_DEBUG_LEVEL_ERR);
-  Bytes bad = Mc().ipv4(V4()).udp(5247, 5247).payload(KeepAlive(0x88)).build();
+  Bytes bad = Mc().ipv4(V4()).udp(5247, 5247).payload(KeepAlivePayload(0x88)).build();
   EXPECT_EQ(Dispatch(bad).count, 0u);
   EXPECT_EQ(DebugText(), "\r\nLB_CAPWAP_KA return,ret=100, get sessiondid err.");
   SetDebugLevel(BYPASS_DEBUG_LEVEL_ERR);
@@ -316,7 +303,7 @@ TEST_F(PipelineTest, StampBeforeThePacketIsSkipped) {
 TEST_F(PipelineTest, ShortPacketsFailEachTestWithoutReadingPastTheirEnd) {
   // Every length of a full frame, cut short, into a buffer of exactly that
   // size (ASan catches a read past it).
-  const Bytes full = Mc().ipv4(V4()).udp(5247, 5247).payload(KeepAlive()).build();
+  const Bytes full = Mc().ipv4(V4()).udp(5247, 5247).payload(KeepAlivePayload()).build();
   for (auto type : {LB_CAPWAP, LB_CAPWAP_KA, LB_AAA_MAC, LB_AAA_PORT}) {
     wlan_.lb_type = type;
     for (size_t len = 0; len <= full.size() - 12; ++len) {

@@ -62,4 +62,16 @@ void InstallBenchSteering() {
   TIMNG_LB_InitKernel(NETLINK_MID_TIMNG, reinterpret_cast<u8*>(&m), sizeof(m));
 }
 
+Bytes KeepAlivePayload(uint32_t flags, uint16_t elen, uint16_t type, uint16_t len) {
+  Bytes b = {0x00, 0x10, 0x00, static_cast<uint8_t>(flags), 0, 0, 0, 0};  // HLEN 2 at bits 19-23
+  b.push_back(static_cast<uint8_t>(elen >> 8));
+  b.push_back(static_cast<uint8_t>(elen));
+  b.push_back(static_cast<uint8_t>(type >> 8));
+  b.push_back(static_cast<uint8_t>(type));
+  b.push_back(static_cast<uint8_t>(len >> 8));
+  b.push_back(static_cast<uint8_t>(len));
+  for (uint8_t i = 1; i <= 16; ++i) b.push_back(i);
+  return b;
+}
+
 }  // namespace vane::test

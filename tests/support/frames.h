@@ -39,6 +39,13 @@ Bytes CauseHead(uint16_t cause);
 // TestRanges() with the layout above.
 BYPASS_PKT_OFFSET_S CascadeConfig();
 
+// A CAPWAP data keep-alive as a UDP payload: HLEN 2 (the flags byte is
+// byte 3), one session-ID element of `elen` bytes with the given type and
+// length, session bytes 1..16 (words 0x01020304, 0x05060708, ... in host
+// order once read).
+Bytes KeepAlivePayload(uint32_t flags = 0x08, uint16_t elen = 22, uint16_t type = 35,
+                       uint16_t len = 16);
+
 // A record's bytes as a control message carries them, cut or zero-padded
 // to `len`.
 template <typename T>
