@@ -246,4 +246,52 @@ static inline void pattern(uint8_t* buf, uint32_t len, uint32_t seed) {
   for (uint32_t i = 0; i < len; i++) buf[i] = (uint8_t)(i * 7u + seed);
 }
 
+/* ---- the counters and the multi-core layout ---------------------------- */
+
+/* Counter idx of /proc/bypassDebug/counts; 1 when it could be read. */
+static inline int read_counter(unsigned idx, uint32_t* out) {
+  uint8_t buf[3840];
+  int fd = open(PROC_COUNTS, O_RDONLY);
+  ssize_t n;
+
+  if (fd < 0) return 0;
+  n = pread(fd, buf, sizeof(buf), 0);
+  close(fd);
+  if (n != (ssize_t)sizeof(buf)) return 0;
+  *out = get32(buf + 4 * idx);
+  return 1;
+}
+
+/* The multi-core layout the cascade programs share: interface MC_ETHNUM,
+ * no HiGig2 header, the Ethernet header MC_HEAD bytes in, the cause ID at
+ * bytes 18-19, internal VP frames with EtherType VP_TYPE. */
+#define MC_ETHNUM 21
+#define MC_HEAD 24
+#define VP_TYPE 0x8899
+
+static inline void mc_config(uint32_t rec[22]) {
+  memset(rec, 0, 88);
+  rec[1] = MC_HEAD; /* ulMacOffset */
+  rec[5] = VP_TYPE; /* ulVpEthType */
+  rec[7] = MC_ETHNUM;
+  rec[15] = MC_ETHNUM;
+  rec[8] = 7;   /* ulEcmEthNum */
+  rec[9] = 100; /* no VP interface */
+  rec[18] = 99;
+  rec[10] = 1;  /* dispatch on */
+  rec[12] = 16; /* ulVpFragInnerOffset */
+  rec[16] = 14; /* ulFirstFragFlagOffset */
+  rec[17] = 16; /* ulVpInnerOffset */
+  rec[20] = 1;  /* ulIsNoHgHdr */
+}
+
+/* Prefix and the bytes before the Ethernet header, carrying the cause ID. */
+static inline uint32_t mc_head(uint8_t* buf, uint16_t cause) {
+  memset(buf, 0, PREFIX_LEN + MC_HEAD);
+  prefix(buf, 1, MC_ETHNUM);
+  buf[PREFIX_LEN + 18] = (uint8_t)(cause >> 5);
+  buf[PREFIX_LEN + 19] = (uint8_t)(cause << 3);
+  return PREFIX_LEN + MC_HEAD;
+}
+
 #endif /* VANE_QEMU_GUEST_H */

@@ -136,13 +136,22 @@ check module-holders "kbndsafe does not hold drv_vane, or drv_vane not vane_drvs
 
 if loaded drv_vane && loaded vane_drvsim; then
     /bin/vane_scenarios || FAILS=$((FAILS + 1))
+    # The WLAN tables start from the load-time state: a module of their own.
+    rmmod vane_drvsim && rmmod drv_vane && insmod $M/drv_vane.ko && insmod $M/vane_drvsim.ko
+    check wlan-views-exist "/proc/wlan_lb or the wlan_lb attribute missing" \
+        [ -e /proc/wlan_lb/capwap -a -e /proc/wlan_lb/capwap_ka -a -e /sys/class/wlan_lb/wlan_lb/wlan_lb ]
+    /bin/vane_wlan || FAILS=$((FAILS + 1))
+    # On the debug kernels: one writer changing every WLAN table while
+    # packets are looked up on every processor and the views are read.
+    [ -z "$STRESS" ] || /bin/vane_wlan race "$STRESS" || FAILS=$((FAILS + 1))
     check refcount-after-scenarios "drv_vane still referenced by open sockets" \
         [ "$(cat /sys/module/drv_vane/refcnt)" = 1 ]
 fi
 
 check unload-drvsim "rmmod vane_drvsim failed" rmmod vane_drvsim
 check unload-drv_vane "rmmod drv_vane failed" rmmod drv_vane
-check unload-leaves-no-proc "/proc/bypassDebug remains" [ ! -e /proc/bypassDebug ]
+check unload-leaves-no-proc "/proc/bypassDebug or /proc/wlan_lb remains" \
+    [ ! -e /proc/bypassDebug -a ! -e /proc/wlan_lb -a ! -e /sys/class/wlan_lb ]
 /bin/vane_scenarios noproto unload-closes-socket 26 27 || FAILS=$((FAILS + 1))
 
 # Packets from both processors, control messages, proc reads and writes, all

@@ -108,7 +108,7 @@ t0=$(now)
 make -s -C "$repo/kport/linux" ARCH=$karch "${make_args[@]}"
 kmod=$repo/build/kmod/$([ "$karch" = arm64 ] && echo arm64 || echo x86_64)
 case $target in kasan | kcsan) kmod=$kmod-$target ;; esac
-for prog in scenarios stress; do
+for prog in scenarios stress wlan; do
     $cc -static -O2 -Wall -Wextra -Werror -o "$out/vane_$prog" "$here/$prog.c"
 done
 build_time=$(secs "$t0")
@@ -117,7 +117,7 @@ rootfs=$out/rootfs
 rm -rf "$rootfs"
 mkdir -p "$rootfs"/{bin,dev,proc,sys,tmp,lib/vane}
 cp "$busybox" "$rootfs/bin/busybox"
-cp "$out/vane_scenarios" "$out/vane_stress" "$rootfs/bin/"
+cp "$out/vane_scenarios" "$out/vane_stress" "$out/vane_wlan" "$rootfs/bin/"
 install -m 755 "$here/init.sh" "$rootfs/init"
 for m in kbndsafe drv_vane vane_drvsim vane_nlhold vane_kport_selftest vane_bugplant; do
     [ "$m" != vane_bugplant ] || [ -n "$bug" ] || continue

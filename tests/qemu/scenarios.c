@@ -20,6 +20,8 @@
 #define MID_TIMNG 14
 #define ECM_ETHNUM 7
 #define ECM_VCPU 5
+#define FIRST_FRAG_MARK 0xab
+#define VP_NONFIRST 61
 
 /* Untagged IPv4 ICMP echo request; returns the buffer length. */
 static uint32_t icmp_echo(uint8_t* buf, uint32_t word0) {
@@ -83,19 +85,6 @@ static int check_delivery(const uint8_t* msg, int n, uint32_t portid, uint32_t t
     CHECK(msg[24 + i] == data[i], "data byte %u is 0x%02x, sent 0x%02x", i, msg[24 + i], data[i]);
   for (uint32_t i = 24 + len; i < want; i++)
     CHECK(msg[i] == 0, "padding byte %u is 0x%02x", i, msg[i]);
-  return 1;
-}
-
-static int read_counter(unsigned idx, uint32_t* out) {
-  uint8_t buf[3840];
-  int fd = open(PROC_COUNTS, O_RDONLY);
-  ssize_t n;
-
-  if (fd < 0) return 0;
-  n = pread(fd, buf, sizeof(buf), 0);
-  close(fd);
-  if (n != (ssize_t)sizeof(buf)) return 0;
-  *out = get32(buf + 4 * idx);
   return 1;
 }
 
@@ -521,37 +510,6 @@ static int sc_fragment_dumps(void) {
  * TIMNG cause ID, a fragmented datagram kept together, and its entry aged
  * out by the timer. Each decision is observed through the counters it
  * raises. */
-#define MC_ETHNUM 21
-#define MC_HEAD 24
-#define VP_TYPE 0x8899
-#define FIRST_FRAG_MARK 0xab
-#define VP_NONFIRST 61
-
-static void mc_config(uint32_t rec[22]) {
-  memset(rec, 0, 88);
-  rec[1] = MC_HEAD; /* ulMacOffset */
-  rec[5] = VP_TYPE; /* ulVpEthType */
-  rec[7] = MC_ETHNUM;
-  rec[15] = MC_ETHNUM;
-  rec[8] = ECM_ETHNUM;
-  rec[9] = 100; /* no VP interface */
-  rec[18] = 99;
-  rec[10] = 1;  /* dispatch on */
-  rec[12] = 16; /* ulVpFragInnerOffset */
-  rec[16] = 14; /* ulFirstFragFlagOffset */
-  rec[17] = 16; /* ulVpInnerOffset */
-  rec[20] = 1;  /* ulIsNoHgHdr */
-}
-
-/* Prefix and the bytes before the Ethernet header, carrying the cause ID. */
-static uint32_t mc_head(uint8_t* buf, uint16_t cause) {
-  memset(buf, 0, PREFIX_LEN + MC_HEAD);
-  prefix(buf, 1, MC_ETHNUM);
-  buf[PREFIX_LEN + 18] = (uint8_t)(cause >> 5);
-  buf[PREFIX_LEN + 19] = (uint8_t)(cause << 3);
-  return PREFIX_LEN + MC_HEAD;
-}
-
 /* Ethernet + IPv4 UDP (fragment) from 10.9.9.1 to 10.9.9.2, 24 payload
  * bytes; offset in 8-byte units. */
 static uint32_t inner_ipv4(uint8_t* p, int more, uint16_t offset) {

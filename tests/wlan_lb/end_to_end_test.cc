@@ -148,7 +148,8 @@ TEST_F(WlanEndToEndTest, EachLbTypeReachesItsVcpuStampedAndCounted) {
   EXPECT_EQ(Send(Udp(kKeepAlive, 5247, 5247, KeepAlivePayload())), V{7});
   EXPECT_EQ(last_[kStamp], kKaType);
 
-  // AAA by MAC: 00:11:22:33:44:55 hashes to slot 4 of five NAC vCPUs.
+  // AAA by MAC: the source MAC 00:00:5e:00:01:02 hashes to slot 4 of five
+  // NAC vCPUs.
   Lb(NacMsg(WLAN_LB_BOARD_TYPE_LB, {20, 21, 22, 23, 9}));
   EXPECT_EQ(Send(Udp(kMac, 68, 67)), V{9});
   EXPECT_EQ(last_[kStamp], kMacType);
