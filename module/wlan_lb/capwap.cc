@@ -24,10 +24,10 @@ namespace {
 
 struct CapwapTable {
   using Record = WLAN_LB_CAPWAP_NODE_S;
+  using Msg = WLAN_LB_CAPWAP_MSG_S;
   static HASH_TABLE_S** slot() { return &g_CAPWAP_LB_Table; }
   static constexpr HASH_KEY_PFN kHash = WLAN_LB_CAPWAP_Hashkey;
   static constexpr HASH_MATCH_PFN kMatch = WLAN_LB_CAPWAP_Hashmatch;
-  using Msg = WLAN_LB_CAPWAP_MSG_S;
   static void fill(Record* dst, const Record& src) {
     dst->sip = src.sip;
     dst->dip = src.dip;

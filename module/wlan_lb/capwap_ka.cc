@@ -24,10 +24,10 @@ constexpr unsigned kSessionWords = 4;
 
 struct CapwapKaTable {
   using Record = WLAN_LB_CAPWAP_KA_NODE_S;
+  using Msg = WLAN_LB_CAPWAP_KA_MSG_S;
   static HASH_TABLE_S** slot() { return &g_CAPWAP_KEEP_ALIVE_LB_Table; }
   static constexpr HASH_KEY_PFN kHash = WLAN_LB_CAPWAP_KA_Hashkey;
   static constexpr HASH_MATCH_PFN kMatch = WLAN_LB_CAPWAP_KA_Hashmatch;
-  using Msg = WLAN_LB_CAPWAP_KA_MSG_S;
   static void fill(Record* dst, const Record& src) { *dst = src; }
   static Record from_msg(const Msg& m);
 };

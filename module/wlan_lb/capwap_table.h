@@ -4,11 +4,11 @@
 //
 // A table is described by a traits type T with:
 //   using Record = ...;                    the stored record, with a u32 process
+//   using Msg = ...;                       the entry message of its set type
 //   static HASH_TABLE_S** slot();          the published handle
 //   static constexpr HASH_KEY_PFN kHash;   the table's callbacks
 //   static constexpr HASH_MATCH_PFN kMatch;
 //   static void fill(Record* dst, const Record& src);  key fields and process
-//   using Msg = ...;                       the entry message of its set type
 //   static Record from_msg(const Msg& m);  the record it carries, zero padding
 //
 // Lock and RCU context of each function is stated where it is declared. The
