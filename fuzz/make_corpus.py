@@ -91,6 +91,30 @@ def packets():
         b'\x0a\x0b\x0c\x09' + b'\0' * 60
 
 
+def lb(set_type, head, body=b''):
+    return u32(set_type) + u32(head) + body
+
+
+def lb_capwap(sip, dport, process, op=1):
+    return lb(0, 0, u32(sip) + u32(0x0a000002) + u16(5246) + u16(dport) + bytes([0, 0, 0, 0]) +
+              u32(process) + bytes([op, 0, 0, 0]))
+
+
+def lb_messages():
+    """One LB message of every set type, in an order that fills every table."""
+    return {
+        'lb_capwap': lb_capwap(0x0a000001, 5247, 12),
+        'lb_capwap_wild': lb_capwap(0xffffffff, 5248, 3),
+        'lb_capwap_delete': lb_capwap(0x0a000001, 5247, 0, op=2),
+        'lb_capwap_ka': lb(1, 0, bytes(range(1, 17)) + u32(7) + bytes([1, 0, 0, 0])),
+        'lb_nac': lb(2, 3, u16(3) + u16(0) + u32(20) + u32(21) + u32(22) + bytes(52)),
+        'lb_portal': lb(3, 0, u16(8080) + u16(0) + u32(3) + bytes(4)),
+        'lb_socket_port': lb(4, 0, u16(1) + u16(0) + u16(1812) + bytes([0, 1]) + u32(0) + u32(0)),
+        'lb_board_type': lb(5, 3),
+        'lb_cause_ids': lb(6, 2, u32(300) + u32(4) + u32(1) + u32(303) + u32(7) + u32(4)),
+    }
+
+
 def write(target, name, data):
     d = os.path.join(HERE, 'corpus', target)
     os.makedirs(d, exist_ok=True)
@@ -113,8 +137,12 @@ def main():
         'timng_master': control(15, u32(0) + u32(0) + u32(1) + u32(0)),
         'short_len_field': control(5, config(), len_field=1000),
     }
+    for name, payload in lb_messages().items():
+        ctrl[name] = control(10, payload)
     for name, msg in ctrl.items():
         write('control', name, bytes([0]) + block(msg) + bytes([3]) + block(msg))
+    write('control', 'lb_all', b''.join(bytes([0]) + block(control(10, p))
+                                        for p in lb_messages().values()))
     # Packets under configurations.
     # The first family also turns on the per-packet trace and packet dumps.
     for cname, cfg, debug in (('hg', config(), 0x84), ('nohg', config(no_hg=1), 0),
@@ -133,6 +161,14 @@ def main():
     for f in range(8):
         ops += bytes([0, f]) + u32(100) + u32(7)
     write('files', 'read_all', ops)
+    # The WLAN views over filled tables: keys written, every view selected,
+    # every file read (file indexes are taken modulo the number of files).
+    wl = b''.join(bytes([2]) + u32(10) + block(p) for p in lb_messages().values())
+    for f in range(16):
+        wl += bytes([1, f]) + u32(16) + u32(0) + block(u32(0x0a000001) + u32(0))
+        wl += bytes([1, f]) + u32(2) + u32(0) + block(b'%d\n' % (f % 5))
+        wl += bytes([0, f]) + u32(4096) + u32(0)
+    write('files', 'wlan_views', wl)
     write('files', 'write_each', b''.join(bytes([1, f]) + u32(96) + u32(0) + block(bytes(range(96)))
                                           for f in range(8)))
 

@@ -19,11 +19,63 @@
 //     u32  the message type argument
 //     u16  n, then n bytes: the buffer, copied into storage of exactly n
 //          bytes so that a read past it is caught
+//
+// Every input starts with the same WLAN tables (see InstallWlan), so the
+// packets that reach the WLAN step find entries to hit and to miss.
 #include <cstring>
 #include <vector>
 
 #include "drv_vane/netlink.h"
+#include "drv_vane/wlan_lb.h"
 #include "fuzz_env.h"
+
+namespace {
+
+template <typename Body>
+void Lb(vane::fuzz::FreshModule& module, uint32_t set_type, uint32_t head, const Body& body) {
+  uint8_t msg[WLAN_LB_MSG_HEAD_LEN + sizeof(Body)];
+  std::memcpy(msg, &set_type, 4);
+  std::memcpy(msg + 4, &head, 4);
+  std::memcpy(msg + WLAN_LB_MSG_HEAD_LEN, &body, sizeof(Body));
+  module.Control(NETLINK_MID_WLAN_LB, msg);
+}
+
+// Cause IDs 0 to 3 take the four LB types (the seeds' packets carry 0), on a
+// board that load-balances; CAPWAP entries for the seeds' ports (exact and
+// both wildcards), NAC vCPUs, a Portal port and a source-port entry.
+void InstallWlan(vane::fuzz::FreshModule& module) {
+  const WLAN_LB_CAUSEID_NODE_S causes[4] = {
+      {0, 3, LB_CAPWAP}, {1, 4, LB_CAPWAP_KA}, {2, 5, LB_AAA_MAC}, {3, 6, LB_AAA_PORT}};
+  Lb(module, WLAN_LB_KERNEL_LB_SET_CAUSEIID, 4, causes);
+  WLAN_LB_CAPWAP_MSG_S capwap{};
+  capwap.sip = 0x0a000001;
+  capwap.dip = 0x0a000002;
+  capwap.sport = 5246;
+  capwap.dport = 5246;
+  capwap.process = 12;
+  Lb(module, WLAN_LB_KERNEL_LB_SET_CAPWAP, 0, capwap);
+  capwap = {0xFFFFFFFF, 0xFFFFFFFF, 0xFFFF, 5247, 0xFF, {}, 3, 1, {}};
+  Lb(module, WLAN_LB_KERNEL_LB_SET_CAPWAP, 0, capwap);
+  capwap.sport = 1812;
+  capwap.dport = 1812;
+  Lb(module, WLAN_LB_KERNEL_LB_SET_CAPWAP, 0, capwap);
+  WLAN_LB_NAC_MSG_S nac{};
+  nac.count = 3;
+  nac.ids[0] = 20;
+  nac.ids[1] = 21;
+  nac.ids[2] = 22;
+  Lb(module, WLAN_LB_KERNEL_LB_SET_NAC_NODELIST, WLAN_LB_BOARD_TYPE_LB, nac);
+  WLAN_LB_PORTAL_MSG_S portal{};
+  portal.port = 1812;
+  portal.process = 3;
+  Lb(module, WLAN_LB_KERNEL_LB_SET_PORTAL_NODE, 0, portal);
+  WLAN_LB_SOCKET_PORT_MSG_S port{};
+  port.port = 68;
+  port.SrcPortFlag = 1;
+  Lb(module, WLAN_LB_KERNEL_LB_SET_SOCKET_PORT, 0, port);
+}
+
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   vane::fuzz::FreshModule module;
@@ -32,6 +84,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::span<const uint8_t> given = in.bytes(sizeof(config));
   if (!given.empty()) std::memcpy(config, given.data(), given.size());
   module.Control(NETLINK_MID_OFFSET, config);
+  InstallWlan(module);
   const uint8_t debug = in.u8();
   const uint32_t level = debug & 7;
   kport::user::vfs::ProcWriteAll(
