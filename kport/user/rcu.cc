@@ -7,7 +7,9 @@
 // (the library is not instrumented), and would report the callback's free
 // as racing with the reader's loads. Under TSan each unlock releases, and
 // each callback and each return from a grace-period wait acquires, one sync
-// object that stands for "a grace period separates them".
+// object that stands for "a grace period separates them". Queuing a callback
+// releases it too: the callback runs on liburcu's own thread and must see
+// what the writer did to the object before handing it over.
 //
 // kport_rcu_barrier is cheap when nothing is queued: each module load and
 // unload of a fuzzer or test calls it, and most queue nothing.
@@ -29,6 +31,11 @@
 #ifdef KPORT_RCU_TSAN
 extern "C" void __tsan_acquire(void* addr);
 extern "C" void __tsan_release(void* addr);
+// liburcu hands its own bookkeeping (the barrier's completion, its queue
+// nodes) between threads through code TSan does not see, and frees it on its
+// callback thread: reports about memory that liburcu allocates and frees
+// itself say nothing about the module.
+extern "C" const char* __tsan_default_suppressions() { return "called_from_lib:liburcu-bp.so\n"; }
 #endif
 
 namespace {
@@ -71,6 +78,7 @@ extern "C" void kport_rcu_read_unlock(void) {
 extern "C" void kport_call_rcu(kport_rcu_head_t* head, kport_rcu_callback_t fn) {
   Head* h = reinterpret_cast<Head*>(head);
   h->fn = fn;
+  ReaderLeft();
   g_queued.fetch_add(1, std::memory_order_relaxed);
   urcu_bp_call_rcu(&h->urcu, Trampoline);
 }
