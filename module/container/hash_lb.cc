@@ -100,10 +100,13 @@ extern "C" u32 HASH_RemoveElmtByKey_LB_New(HASH_TABLE_S* pstTable, const void* p
   // Readers follow only the forward links: those change by single stores,
   // and the unlinked node keeps its own, so a reader on it walks on.
   LIST_NODE_S* next = node->pstNext;
+  // A release store, although the node behind it was published long ago:
+  // a reader that arrives through the new link must see that node whole,
+  // and the checkers order it by this store, not by the old publication.
   if (prev != nullptr) {
-    vane::store_relaxed(&prev->pstNext, next);
+    vane::store_release(&prev->pstNext, next);
   } else {
-    vane::store_relaxed(&bucket->pstHead, next);
+    vane::store_release(&bucket->pstHead, next);
   }
   if (next != nullptr) {
     next->pstPrev = prev;
