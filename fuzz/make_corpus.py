@@ -115,6 +115,15 @@ def lb_messages():
     }
 
 
+def capture_block(total, filters=0, udf1=(0, 0), eth_type=0, src_ip=0):
+    """The 92-byte capture control block (little-endian, host-order values)."""
+    b = struct.pack('<BBHHHHHHHHHHHHH6s6sII16s16sIIB2sB', 0, 0, 0, total, total, 0, 0, 0, 0,
+                    udf1[0], udf1[1], 0, 0, 0, eth_type, b'\0' * 6, b'\0' * 6, src_ip, 0,
+                    b'\0' * 16, b'\0' * 16, filters, 0, 1, b'\0\0', 0)
+    assert len(b) == 92
+    return b
+
+
 def write(target, name, data):
     d = os.path.join(HERE, 'corpus', target)
     os.makedirs(d, exist_ok=True)
@@ -153,12 +162,12 @@ def main():
                   cfg + bytes([debug, sel]) + u32(typ) + block(buf))
     # Files: read each of the first files whole, write levels, with traffic.
     ops = b''
-    for f in range(8):
+    for f in range(9):
         ops += bytes([0, f]) + u32(0x80000000 | 70000) + u32(0)  # top bit: past a page
     ops += bytes([1, 1]) + u32(4) + u32(0) + block(u32(4))
     ops += bytes([2]) + u32(5) + block(config())
     ops += bytes([3]) + block(list(packets())[0][2])
-    for f in range(8):
+    for f in range(9):
         ops += bytes([0, f]) + u32(100) + u32(7)
     write('files', 'read_all', ops)
     # The WLAN views over filled tables: keys written, every view selected,
@@ -169,8 +178,30 @@ def main():
         wl += bytes([1, f]) + u32(2) + u32(0) + block(b'%d\n' % (f % 5))
         wl += bytes([0, f]) + u32(4096) + u32(0)
     write('files', 'wlan_views', wl)
-    write('files', 'write_each', b''.join(bytes([1, f]) + u32(96) + u32(0) + block(bytes(range(96)))
-                                          for f in range(8)))
+    write('files', 'write_each', b''.join(bytes([1, f]) + u32(100) + u32(0) +
+                                          block(u32(4) + u32(2) + capture_block(3))
+                                          for f in range(9)))
+    # Capture: arm, capture the dispatcher's packets from their Ethernet
+    # header, report later events, look up places, print, read and re-arm.
+    frames = [buf for _, _, buf in packets()]
+    ipc = b'\x0a\x0b\x0c\x00\x00\x01' + b'\0' * 10 + be16(0x0640) + b'\0' * 8
+    for name, arm in (('plain', capture_block(30)),
+                      ('filtered', capture_block(30, filters=(1 << 5) | (1 << 9) | (1 << 13),
+                                                 udf1=(12, 0x0800), eth_type=0x0800,
+                                                 src_ip=0x0a000001)),
+                      ('all_filters', capture_block(3, filters=0x3ff3))):
+        ops = u32(1 << 2) + u32(2) + arm
+        for i, buf in enumerate(frames):
+            ops += bytes([0]) + u16(i) + u16(28) + block(buf)
+            ops += bytes([1, 2]) + u16(100 + i) + bytes([0x80 | i]) + u16(2) + block(b'')
+        ops += bytes([4, 2, 0]) + u16(2) + bytes([4, 1, 0]) + u16(0)
+        ops += bytes([5]) + u16(12) + u16(0x0800) + block(frames[1][12:])
+        ops += bytes([6]) + block(ipc) + bytes([7])
+        ops += bytes([2]) + u32(1000) + u32(0) + bytes([2]) + u32(4000) + u32(1000)
+        ops += bytes([3]) + block(u32(1 << 2) + u32(2) + capture_block(1))
+        ops += bytes([0]) + u16(0) + u16(28) + block(frames[2])
+        ops += bytes([2]) + u32(2880) + u32(0)
+        write('capture', name, ops)
 
 
 if __name__ == '__main__':

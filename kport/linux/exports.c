@@ -20,6 +20,7 @@
 #include "drv_vane/netlink.h"
 #include "drv_vane/parser.h"
 #include "drv_vane/proc.h"
+#include "drv_vane/selftest.h"
 #include "drv_vane/steering.h"
 #include "drv_vane/timng.h"
 
@@ -224,3 +225,22 @@ EXPORT_SYMBOL(WLAN_LB_SetAAARdsCOADistributeTbl);
 EXPORT_SYMBOL(WLAN_LB_SetAAAPortalDistributeTbl);
 EXPORT_SYMBOL(WLAN_LB_InitAAAAccessVcpuIDList);
 EXPORT_SYMBOL(WLAN_LB_HashAAAAccessVcpuID);
+
+/* Packet capture, the catchPkt file and the self-test packets. */
+EXPORT_SYMBOL(g_ulPktAllSlotIsOn);
+EXPORT_SYMBOL(g_ulCurrSlotId);
+EXPORT_SYMBOL(g_stPktRecordCtrlInfo);
+EXPORT_SYMBOL(g_bypass_proc_catchPkt_fop);
+EXPORT_SYMBOL(bypass_IsNeedCatchPkt);
+EXPORT_SYMBOL(bypass_TS_RecvPktEvent);
+EXPORT_SYMBOL(bypass_TS_GetNum);
+EXPORT_SYMBOL(bypass_TS_IsNeedCatchPktByUdf);
+EXPORT_SYMBOL(bypass_TS_IsIpcPkt);
+EXPORT_SYMBOL(bypass_catch_info);
+EXPORT_SYMBOL(bypass_proc_read_catchPkt);
+EXPORT_SYMBOL(bypass_proc_write_catchPkt);
+EXPORT_SYMBOL(test_ipFirstFragment);
+EXPORT_SYMBOL(test_ipMiddleFragment);
+EXPORT_SYMBOL(test_ipLastFragment);
+EXPORT_SYMBOL(test_ipV4Test);
+EXPORT_SYMBOL(test_ipV6Test);

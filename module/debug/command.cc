@@ -7,10 +7,12 @@
 #include "base/atomic.h"
 #include "bypass/config_internal.h"
 #include "debug/debug_internal.h"
+#include "drv_vane/capture.h"
 #include "drv_vane/config.h"
 #include "drv_vane/debug.h"
 #include "drv_vane/dispatch.h"
 #include "drv_vane/netlink.h"
+#include "drv_vane/selftest.h"
 #include "drv_vane/steering.h"
 #include "kport/printk.h"
 
@@ -37,18 +39,16 @@ void print_board_and_level() {
                bypass_get_boardType(), load_relaxed(&g_ulDebugLevel));
 }
 
-// Codes 1..20; a null entry belongs to a facility that is not part of this
-// build yet (self-test packets and capture printouts) and
-// does nothing.
+// Codes 1..20.
 constexpr Command kCommands[BYPASS_DEBUG_CMD_NUM] = {
     [] { update(&g_ulLBType, [](u64 v) { return (v + 1) % 5; }); },                     // 1
     [] { update(&g_ulVcpuId, [](u64 v) { return (v + 1) % 100; }); },                   // 2
     bypass_debug_pktoffset,                                                             // 3
-    nullptr,                                                                            // 4
-    nullptr,                                                                            // 5
-    nullptr,                                                                            // 6
-    nullptr,                                                                            // 7
-    nullptr,                                                                            // 8
+    test_ipFirstFragment,                                                               // 4
+    test_ipMiddleFragment,                                                              // 5
+    test_ipLastFragment,                                                                // 6
+    test_ipV4Test,                                                                      // 7
+    test_ipV6Test,                                                                      // 8
     [] { store_relaxed(&g_ulSwitchDebug, 0); },                                         // 9
     [] { store_relaxed(&g_ulSwitchDebug, 1); },                                         // 10
     [] { fetch_add_relaxed(&g_ucPktTyep, 1); },                                         // 11
@@ -59,7 +59,7 @@ constexpr Command kCommands[BYPASS_DEBUG_CMD_NUM] = {
     [] { store_relaxed(&g_pktprintfcout, kPacketDumpCount); },                          // 16
     [] { update(&g_ulSendPid, [](u64 v) { return v - load_relaxed(&g_ulMulPid); }); },  // 17
     bypass_debug_pidInfo,                                                               // 18
-    nullptr,                                                                            // 19
+    bypass_catch_info,                                                                  // 19
     bypass_print_ivo_table_info,                                                        // 20
 };
 
@@ -79,8 +79,7 @@ void debug_settings_reset() {
 
 extern "C" void bypass_debug(u8 ucCmd) {
   if (ucCmd < 1 || ucCmd > BYPASS_DEBUG_CMD_NUM) return;
-  vane::Command cmd = vane::kCommands[ucCmd - 1];
-  if (cmd != nullptr) cmd();
+  vane::kCommands[ucCmd - 1]();
 }
 
 extern "C" void bypass_debug_pktoffset(void) {

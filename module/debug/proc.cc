@@ -7,6 +7,7 @@
 
 #include "base/atomic.h"
 #include "debug/debug_internal.h"
+#include "drv_vane/capture.h"
 #include "drv_vane/debug.h"
 #include "drv_vane/dispatch.h"
 #include "drv_vane/frag.h"
@@ -23,6 +24,8 @@ const struct kport_proc_ops g_bypass_proc_counts_fop = {bypass_proc_readCounts,
                                                         bypass_proc_writeCounts};
 const struct kport_proc_ops g_bypass_proc_debug_fop = {bypass_proc_read_debug,
                                                        bypass_proc_write_debugLevel};
+const struct kport_proc_ops g_bypass_proc_catchPkt_fop = {bypass_proc_read_catchPkt,
+                                                          bypass_proc_write_catchPkt};
 
 namespace vane {
 namespace {
@@ -45,6 +48,8 @@ constexpr ProcFile kFiles[] = {
     {"hashInfoIpv6", 0444, &g_bypass_proc_hashInfoIpv6_fop,
      "\r\nErr: create subdir in /proc/bypassDebug/hashinfo failed."},
     {"debug", 0666, &g_bypass_proc_debug_fop,
+     "\r\nErr: create subdir in /proc/bypassDebug/feature failed."},
+    {"catchPkt", 0666, &g_bypass_proc_catchPkt_fop,
      "\r\nErr: create subdir in /proc/bypassDebug/feature failed."},
     {"ivo", 0666, &g_bypass_ivo_stat_fop,
      "\r\nErr: create subdir in /proc/bypassDebug/ivo failed."},
@@ -132,5 +137,35 @@ extern "C" ssize_t bypass_proc_write_debugLevel(struct file* file, const char* u
     return -1;
   }
   vane::store_release(&g_ulDebugLevel, level);
+  return static_cast<ssize_t>(count);
+}
+
+extern "C" ssize_t bypass_proc_read_catchPkt(struct file* file, char* ubuf, size_t count,
+                                             kport_loff_t* pos) {
+  (void)file;
+  // The entries are moved out before the copy to user space, which may
+  // fault and sleep; whatever that copy does, the store has been emptied.
+  auto* snap = static_cast<u8*>(kport_kmalloc_atomic(BYPASS_CATCH_STORE_LEN));
+  if (snap == nullptr) return -KPORT_ENOMEM;
+  ssize_t n = 0;
+  if (vane::capture_store_take(snap)) {
+    n = kport_simple_read_from_buffer(ubuf, count, pos, snap, BYPASS_CATCH_STORE_LEN);
+  }
+  kport_kfree(snap);
+  return n;
+}
+
+extern "C" ssize_t bypass_proc_write_catchPkt(struct file* file, const char* ubuf, size_t count,
+                                              kport_loff_t* pos) {
+  (void)file;
+  (void)pos;
+  u8 block[BYPASS_CATCH_CTRL_WRITE_LEN];
+  // A partial block would arm capture with whatever the rest happened to be.
+  if (count < sizeof(block)) return -KPORT_EINVAL;
+  if (kport_copy_from_user(block, ubuf, sizeof(block)) != 0) {
+    kport_printk(KPORT_LOGLEVEL_ALERT, "%s", vane::kCopyFromUserFailed);
+    return -1;
+  }
+  vane::capture_ctrl_load(block);
   return static_cast<ssize_t>(count);
 }

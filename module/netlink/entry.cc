@@ -132,6 +132,7 @@ extern "C" int vane_entry_init(void) {
   counters_reset();
   debug_out_reset();
   debug_settings_reset();
+  capture_ctrl_reset();
   steering_init();
   timng_init();
   wlan_lb_init();

@@ -16,6 +16,8 @@
  * and from forked workers, each of which registers its own process id. */
 #include "guest.h"
 
+#include <sys/klog.h>
+
 #define MID_IVO_LB 11
 #define MID_TIMNG 14
 #define ECM_ETHNUM 7
@@ -753,6 +755,252 @@ static int sc_concurrency_smoke(void) {
   return 1;
 }
 
+/* ---- capture, self-tests and the debug printouts --------------------------
+ * The capture entry points called by the driver stand-in as the switch
+ * driver calls them, the store read back through catchPkt, and debug
+ * commands 4 to 8 pushing the built-in messages through the real delivery
+ * path to a receiver process, 19 and 20 printing to the kernel log. */
+#define DRVSIM_CAPTURE "/proc/vane_drvsim/capture"
+#define PROC_CATCH "/proc/bypassDebug/catchPkt"
+#define MID_DEBUG 6
+#define CATCH_STORE 2880
+#define CATCH_ENTRY 96
+
+/* Arms a run of `total` captures on slot 2, no filters. */
+static int catch_arm(uint16_t total, size_t len) {
+  uint8_t b[128] = {0};
+  int fd = open(PROC_CATCH, O_WRONLY);
+  ssize_t n;
+
+  if (fd < 0) return -errno;
+  put32(b, 1u << 2);
+  put32(b + 4, 2);
+  memcpy(b + 8 + 4, &total, 2); /* usTotalCnt */
+  memcpy(b + 8 + 6, &total, 2); /* usCount */
+  b[8 + 88] = 1;                /* ucCatchIsOn */
+  n = write(fd, b, len);
+  close(fd);
+  return n < 0 ? -errno : (int)n;
+}
+
+/* One stand-in call: op 0 captures `data`, op 1 reports event `event` of
+ * `mark` on slot `where`. Returns the capture result (op 0) or 0, -1. */
+static int catch_call(uint32_t op, uint16_t value, uint16_t where, uint8_t event, uint8_t mark,
+                      const uint8_t* data, uint32_t len, uint8_t* mark_out) {
+  static uint8_t buf[12 + 256];
+  char text[64];
+  unsigned result = 0, m = 0;
+  int fd = open(DRVSIM_CAPTURE, O_WRONLY);
+  ssize_t n;
+
+  if (fd < 0 || len > 256) return -1;
+  memset(buf, 0, 12);
+  put32(buf, op);
+  memcpy(buf + 4, &value, 2);
+  memcpy(buf + 6, &where, 2);
+  buf[8] = event;
+  buf[9] = mark;
+  if (len) memcpy(buf + 12, data, len);
+  n = write(fd, buf, 12 + len);
+  close(fd);
+  if (n != (ssize_t)(12 + len)) return -1;
+  if (op != 0) return 0;
+  if (read_text(DRVSIM_CAPTURE, text, sizeof(text)) <= 0) return -1;
+  if (sscanf(text, "result=%u mark=0x%x", &result, &m) != 2) return -1;
+  if (mark_out) *mark_out = (uint8_t)m;
+  return (int)result;
+}
+
+static int catch_read(uint8_t* store) {
+  int fd = open(PROC_CATCH, O_RDONLY);
+  ssize_t n;
+
+  if (fd < 0) return -errno;
+  n = read(fd, store, CATCH_STORE + 10);
+  close(fd);
+  return (int)n;
+}
+
+static int sc_capture_through_drvsim(void) {
+  static uint8_t store[CATCH_STORE + 10];
+  uint8_t frame[100], mark = 0, zeros[CATCH_ENTRY] = {0};
+  int r;
+
+  r = catch_arm(3, 99);
+  CHECK(r == -EINVAL, "99-byte catchPkt write returned %d", r);
+  r = catch_arm(3, 100);
+  CHECK(r == 100, "catchPkt write returned %d", r);
+  catch_read(store); /* start from an empty store */
+  for (int i = 0; i < 3; i++) {
+    pattern(frame, sizeof(frame), (uint32_t)i);
+    r = catch_call(0, (uint16_t)(10 + i), 0, 0, 0, frame, 60 + (uint32_t)i * 20, &mark);
+    CHECK(r == 1 && mark == 0x80 + i, "capture %d: result %d mark 0x%02x", i, r, mark);
+  }
+  r = catch_call(0, 13, 0, 0, 0, frame, 60, &mark);
+  CHECK(r == 0, "a fourth capture in a run of 3: result %d", r);
+  CHECK(catch_call(1, 77, 2, 2, 0x81, NULL, 0, NULL) == 0, "event write failed");
+  CHECK(catch_call(1, 78, 2, 2, 0x81, NULL, 0, NULL) == 0, "event write failed");
+  CHECK(catch_call(1, 79, 2, 2, 0x81, NULL, 0, NULL) == 0, "event write failed");
+
+  r = catch_read(store);
+  CHECK(r == CATCH_STORE, "catchPkt read %d bytes", r);
+  for (int i = 0; i < 3; i++) {
+    const uint8_t* e = store + i * CATCH_ENTRY;
+    uint16_t len, ev0, ev1;
+
+    memcpy(&len, e + 64, 2);
+    memcpy(&ev0, e + 72 + 8, 2);
+    memcpy(&ev1, e + 84 + 8, 2);
+    pattern(frame, sizeof(frame), (uint32_t)i);
+    CHECK(e[66] == 1 && e[67] == i, "entry %d: used %u num %u", i, e[66], e[67]);
+    CHECK(len == 60 + i * 20, "entry %d: length %u", i, len);
+    CHECK(memcmp(e, frame, 60) == 0, "entry %d: frame bytes differ", i);
+    CHECK(e[68] == 2 && e[69] == 0, "entry %d: slot %u", i, e[68]);
+    CHECK(e[83] == 1 && ev0 == 10 + i, "entry %d: time stamp 0 used %u event %u", i, e[83], ev0);
+    CHECK(get32(e + 72) > 1000000000u, "entry %d: %u seconds is no wall-clock time", i,
+          get32(e + 72));
+    CHECK(get32(e + 76) < 1000000000u, "entry %d: %u ns", i, get32(e + 76));
+    if (i == 1)
+      CHECK(e[95] == 1 && ev1 == 77, "entry 1: second stamp used %u event %u", e[95], ev1);
+    else
+      CHECK(e[95] == 0, "entry %d: second stamp filled", i);
+  }
+  CHECK(memcmp(store + 3 * CATCH_ENTRY, zeros, CATCH_ENTRY) == 0, "entry 3 not empty");
+  r = catch_read(store);
+  CHECK(r == CATCH_STORE, "second catchPkt read %d bytes", r);
+  for (int i = 0; i < 30; i++)
+    CHECK(memcmp(store + i * CATCH_ENTRY, zeros, CATCH_ENTRY) == 0, "entry %d after the read", i);
+  return 1;
+}
+
+/* A receiver process: registers as the normal channel's default receiver
+ * with room for a few thousand messages, reports that it is ready, then
+ * counts the packet messages of each length until a second passes without
+ * one and reports the counts of lengths 162, 164 and 166 and of others. */
+struct counts {
+  uint32_t n162, n164, n166, other;
+};
+
+static void counter_main(int out) {
+  static uint8_t buf[MAX_MSG];
+  struct counts c = {0};
+  int fd = nl_open(PROTO_NORMAL), size = 16 << 20, status;
+
+  if (fd >= 0) setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof(size));
+  status = fd < 0 ? fd : register_pid(fd, PROTO_NORMAL, 0);
+  if (write(out, &status, sizeof(status)) != sizeof(status) || status != 0) _exit(1);
+  for (;;) {
+    int n = nl_recv(fd, buf, sizeof(buf), 1500);
+
+    if (n <= 0) break;
+    if (n < 24 || ((struct nlmsghdr*)buf)->nlmsg_type != MSG_TYPE) continue;
+    switch (get32(buf + 20)) {
+      case 162:
+        c.n162++;
+        break;
+      case 164:
+        c.n164++;
+        break;
+      case 166:
+        c.n166++;
+        break;
+      default:
+        c.other++;
+    }
+  }
+  if (write(out, &c, sizeof(c)) != sizeof(c)) _exit(1);
+  _exit(0);
+}
+
+/* Runs debug command `cmd` with a counting receiver as default receiver. */
+static int counted_command(uint8_t cmd, struct counts* c) {
+  int p[2], status = -1, r;
+  pid_t kid;
+  uint8_t payload[4] = {cmd};
+
+  if (pipe(p)) return 0;
+  kid = fork();
+  if (kid == 0) {
+    close(p[0]);
+    counter_main(p[1]);
+  }
+  close(p[1]);
+  r = read(p[0], &status, sizeof(status)) == sizeof(status) && status == 0;
+  if (r) r = ctrl_ack(s26, MID_DEBUG, payload, 4) == 0;
+  if (read(p[0], c, sizeof(*c)) != sizeof(*c)) r = 0;
+  close(p[0]);
+  waitpid(kid, NULL, 0);
+  register_pid(s26, PROTO_NORMAL, 0);
+  return r;
+}
+
+static int debug_cmd(uint8_t cmd) {
+  uint8_t payload[4] = {cmd};
+
+  return ctrl_ack(s26, MID_DEBUG, payload, 4);
+}
+
+static int sc_selftest_commands(void) {
+  uint32_t rec[22];
+  struct counts c;
+
+  config(rec, 1);
+  rec[0] = 0;  /* chip header at 0 */
+  rec[1] = 50; /* Ethernet header 50 bytes in */
+  rec[7] = 1;  /* the messages arrive on interface 1 */
+  rec[15] = 29;
+  CHECK(ctrl_ack(s26, MID_OFFSET, rec, 88) == 0, "message 5 not acknowledged");
+  for (uint8_t cmd = 4; cmd <= 6; cmd++) {
+    CHECK(counted_command(cmd, &c), "command %u: receiver or acknowledgement failed", cmd);
+    CHECK(c.n162 == 1 && c.n164 + c.n166 + c.other == 0, "command %u delivered %u/%u/%u/%u", cmd,
+          c.n162, c.n164, c.n166, c.other);
+  }
+  CHECK(counted_command(7, &c), "command 7: receiver or acknowledgement failed");
+  CHECK(c.n162 + c.n164 + c.n166 + c.other == 0, "command 7 with variant 0 delivered %u",
+        c.n162 + c.n164 + c.n166 + c.other);
+  CHECK(debug_cmd(1) == 0, "command 1 not acknowledged");
+  CHECK(counted_command(7, &c), "command 7: receiver or acknowledgement failed");
+  CHECK(c.n166 == 1000 && c.n162 + c.n164 + c.other == 0, "command 7 (A) delivered %u/%u/%u/%u",
+        c.n162, c.n164, c.n166, c.other);
+  CHECK(debug_cmd(1) == 0, "command 1 not acknowledged");
+  CHECK(counted_command(7, &c), "command 7: receiver or acknowledgement failed");
+  CHECK(c.n162 == 1000 && c.n164 + c.n166 + c.other == 0, "command 7 (B) delivered %u/%u/%u/%u",
+        c.n162, c.n164, c.n166, c.other);
+  CHECK(counted_command(8, &c), "command 8: receiver or acknowledgement failed");
+  CHECK(c.n164 == 1000 && c.n162 + c.n166 + c.other == 0, "command 8 delivered %u/%u/%u/%u", c.n162,
+        c.n164, c.n166, c.other);
+  for (int i = 0; i < 3; i++) debug_cmd(1); /* the variant back to 0 */
+  config(rec, 0);
+  CHECK(ctrl_ack(s26, MID_OFFSET, rec, 88) == 0, "message 5 not acknowledged");
+  return 1;
+}
+
+/* Whether the kernel log holds `text`. */
+static int klog_has(const char* text) {
+  static char log[1 << 20];
+  int n = klogctl(3 /* SYSLOG_ACTION_READ_ALL */, log, sizeof(log) - 1);
+
+  if (n < 0) return 0;
+  log[n] = '\0';
+  return strstr(log, text) != NULL;
+}
+
+static int sc_debug_printouts(void) {
+  CHECK(catch_arm(4, 100) == 100, "catchPkt write failed");
+  CHECK(debug_cmd(19) == 0, "command 19 not acknowledged");
+  CHECK(klog_has("**bypass_catch_info  g_ulPktAllSlotIsOn[0x00000004] slot[2]****"),
+        "no capture header line in the kernel log");
+  CHECK(klog_has("usTotalCnt[4] usCount[4]"), "no control block line in the kernel log");
+  /* The last printout line has no newline of its own: the kernel holds it
+   * until the next message, which command 20 provides. */
+  CHECK(debug_cmd(20) == 0, "command 20 not acknowledged");
+  CHECK(klog_has("ii=29,len=0,slot=0,num=0,used=0"), "no line for entry 29 in the kernel log");
+  CHECK(klog_has("********ivo lb table***********"), "no ivo table line in the kernel log");
+  CHECK(klog_has("********deteption lb table***********"), "no deteption line in the log");
+  CHECK(catch_arm(0, 100) == 100, "catchPkt write failed");
+  return 1;
+}
+
 static int noproto(int argc, char** argv) {
   const char* label = argc > 2 ? argv[2] : "noproto";
 
@@ -797,6 +1045,9 @@ int main(int argc, char** argv) {
   run("fragment-dumps", sc_fragment_dumps);
   run("cascade-vp-steering-timng-ageing", sc_cascade);
   run("concurrency-smoke", sc_concurrency_smoke);
+  run("capture-through-drvsim", sc_capture_through_drvsim);
+  run("selftest-commands-4-to-8", sc_selftest_commands);
+  run("debug-printouts-19-20", sc_debug_printouts);
 
   /* The kernel holds a reference on drv_vane for every open socket of its
    * protocols; close them so the module can be unloaded. */

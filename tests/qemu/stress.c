@@ -35,13 +35,9 @@ static const char* const kReadDirs[] = {"/proc/bypassDebug", "/proc/wlan_lb",
  * kept low by the control process's command stream, so the trace does not
  * drown the run. */
 static const char* const kWriteFiles[] = {
-    "/proc/bypassDebug/debug",
-    "/proc/bypassDebug/counts",
-    "/proc/bypassDebug/ivo",
-    "/proc/bypassDebug/catchPkt",
-    "/proc/wlan_lb/capwap",
-    "/proc/wlan_lb/capwap_ka",
-    "/sys/class/wlan_lb/wlan_lb/wlan_lb",
+    "/proc/bypassDebug/debug",    "/proc/bypassDebug/counts",           "/proc/bypassDebug/ivo",
+    "/proc/bypassDebug/catchPkt", "/proc/vane_drvsim/capture",          "/proc/wlan_lb/capwap",
+    "/proc/wlan_lb/capwap_ka",    "/sys/class/wlan_lb/wlan_lb/wlan_lb",
 };
 
 #define ECM_ETHNUM 7
@@ -254,6 +250,24 @@ static void writer(long end) {
     pattern(buf, len, rnd());
     /* The debug file takes a level: keep it at 0 or 1 mostly. */
     if (strstr(path, "/debug")) put32(buf, rnd() % 8 ? rnd() % 2 : 4);
+    /* Capture: mostly an armed run on slot 0, so that the driver stand-in's
+     * captures and events below find something to record. */
+    if (strstr(path, "catchPkt") && len >= 100 && rnd() % 4) {
+      put32(buf, 1);                      /* slot mask */
+      put32(buf + 4, 0);                  /* this slot */
+      buf[12] = buf[14] = 1 + rnd() % 30; /* usTotalCnt = usCount */
+      buf[13] = buf[15] = 0;
+      buf[8 + 80] = buf[8 + 81] = 0; /* no filters */
+      buf[8 + 82] = buf[8 + 83] = 0;
+      buf[8 + 88] = 1; /* ucCatchIsOn */
+    }
+    /* The stand-in's capture file: a capture or an event of a marked packet. */
+    if (strstr(path, "vane_drvsim/capture") && len >= 12) {
+      put32(buf, rnd() % 2);
+      buf[6] = buf[7] = 0; /* Ethernet header at 0, or slot 0 */
+      buf[8] = 1 + rnd() % 3;
+      buf[9] = 0x80 | (rnd() % 30);
+    }
     if (write(fd, buf, len) >= 0 || errno) writes++;
     close(fd);
   }

@@ -5,6 +5,7 @@
 #define VANE_TESTS_SUPPORT_WLAN_STAND_IN_H
 
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 #include "drv_vane/wlan_lb.h"
@@ -23,6 +24,8 @@ struct WlanStandIn {
   std::vector<uint8_t> port_vcpus;
   // Lookups made, and the last key of each kind.
   int lookups = 0;
+  // Called after each lookup with the count so far, when set.
+  std::function<void(int)> on_lookup;
   WLAN_LB_FIVE_TUPLE_S five{};
   WLAN_LB_SESSION_KEY_S session{};
   WLAN_LB_ACCESS_INFO_S access{};

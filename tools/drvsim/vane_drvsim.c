@@ -1,7 +1,8 @@
 /* vane_drvsim.ko: a stand-in for the switch driver. It hands packets to
  * drv_vane through its exports, as the driver does, and registers a control
  * message handler, as the driver's companions do. Tests outside this
- * repository depend on its interface, so it does not change:
+ * repository depend on its interface, so the first three files do not
+ * change; later files are only ever added:
  *
  * /proc/vane_drvsim/send (write-only). One write(2) of N >= 8 bytes is one
  *   call; the write returns N.
@@ -23,7 +24,24 @@
  *   often the handler for control message id 3 ran, the payload-length
  *   field of the last message and its first min(len, 16) payload bytes in
  *   lowercase hex. The handler is registered with netlink_connect at load
- *   and removed with netlink_disconnect at unload. */
+ *   and removed with netlink_disconnect at unload.
+ *
+ * /proc/vane_drvsim/capture (read-write): the driver's side of packet
+ *   capture. One write(2) of N >= 12 bytes is one call; the write returns N.
+ *     bytes 0-3   u32, native order: 0 calls bypass_IsNeedCatchPkt,
+ *                 1 calls bypass_TS_RecvPktEvent
+ *     bytes 4-5   u16: the event value
+ *     bytes 6-7   u16: the Ethernet header offset (0) or the slot (1)
+ *     byte 8      the event number (1 only; 1 is the capture)
+ *     byte 9      the mark (1 only)
+ *     bytes 10-11 reserved
+ *     bytes 12..  the packet (0) or the frame (1), N - 12 bytes; for an
+ *                 event, a write of exactly 12 bytes passes no frame
+ *   Refused without a call as for send: fewer than 12 bytes, another
+ *   selector, more than DRVSIM_SEND_MAX bytes (-EINVAL); -EFAULT; -ENOMEM.
+ *   The call is made with bottom halves disabled.
+ *   A read returns "result=%u mark=0x%02x\n": the last capture call's
+ *   result and the mark it wrote ("result=0 mark=0x00\n" before any). */
 #include <linux/atomic.h>
 #include <linux/bottom_half.h>
 #include <linux/delay.h>
@@ -37,6 +55,7 @@
 #include <linux/string.h>
 #include <linux/uaccess.h>
 
+#include "drv_vane/capture.h"
 #include "drv_vane/netlink.h"
 
 #define DRVSIM_DIR "vane_drvsim"
@@ -44,6 +63,7 @@
 #define DRVSIM_SEND_MAX (DRVSIM_HEADER + (1u << 20))
 #define DRVSIM_MSG_ID 3
 #define DRVSIM_KEEP 16
+#define DRVSIM_CAPTURE_HEADER 12
 
 static struct proc_dir_entry* drvsim_dir;
 static int drvsim_result;
@@ -54,6 +74,9 @@ static unsigned int drvsim_len;
 static u8 drvsim_data[DRVSIM_KEEP];
 static unsigned int drvsim_kept;
 static atomic_t drvsim_inflight = ATOMIC_INIT(0);
+static DEFINE_SPINLOCK(drvsim_capture_lock);
+static u32 drvsim_capture_result;
+static u8 drvsim_capture_mark;
 
 static int drvsim_handler(void* payload, u32 len) {
   unsigned int keep = min_t(u32, len, DRVSIM_KEEP);
@@ -125,6 +148,61 @@ static ssize_t drvsim_handler_read(struct file* file, char __user* ubuf, size_t 
   return simple_read_from_buffer(ubuf, count, pos, text, n);
 }
 
+static ssize_t drvsim_capture_write(struct file* file, const char __user* ubuf, size_t count,
+                                    loff_t* pos) {
+  u8 head[DRVSIM_CAPTURE_HEADER];
+  u32 op, len, result;
+  u16 value, where;
+  u8 mark = 0;
+  u8* buf;
+
+  if (count < DRVSIM_CAPTURE_HEADER || count > DRVSIM_SEND_MAX) return -EINVAL;
+  if (copy_from_user(head, ubuf, sizeof(head))) return -EFAULT;
+  memcpy(&op, head, sizeof(op));
+  memcpy(&value, head + 4, sizeof(value));
+  memcpy(&where, head + 6, sizeof(where));
+  if (op > 1) return -EINVAL;
+
+  len = count - DRVSIM_CAPTURE_HEADER;
+  buf = kvmalloc(len ? len : 1, GFP_KERNEL);
+  if (!buf) return -ENOMEM;
+  if (copy_from_user(buf, ubuf + DRVSIM_CAPTURE_HEADER, len)) {
+    kvfree(buf);
+    return -EFAULT;
+  }
+
+  local_bh_disable();
+  if (op == 0) {
+    result = bypass_IsNeedCatchPkt(buf, len, value, &mark, where);
+    spin_lock(&drvsim_capture_lock);
+    drvsim_capture_result = result;
+    drvsim_capture_mark = result ? mark : 0;
+    spin_unlock(&drvsim_capture_lock);
+  } else {
+    bypass_TS_RecvPktEvent(head[8], len ? buf : NULL, len, value, head[9], where);
+  }
+  local_bh_enable();
+
+  kvfree(buf);
+  return count;
+}
+
+static ssize_t drvsim_capture_read(struct file* file, char __user* ubuf, size_t count,
+                                   loff_t* pos) {
+  char text[32];
+  u32 result;
+  u8 mark;
+  int n;
+
+  spin_lock_bh(&drvsim_capture_lock);
+  result = drvsim_capture_result;
+  mark = drvsim_capture_mark;
+  spin_unlock_bh(&drvsim_capture_lock);
+
+  n = scnprintf(text, sizeof(text), "result=%u mark=0x%02x\n", result, mark);
+  return simple_read_from_buffer(ubuf, count, pos, text, n);
+}
+
 static const struct proc_ops drvsim_send_ops = {
     .proc_write = drvsim_send_write,
 };
@@ -137,6 +215,11 @@ static const struct proc_ops drvsim_handler_ops = {
     .proc_read = drvsim_handler_read,
 };
 
+static const struct proc_ops drvsim_capture_ops = {
+    .proc_read = drvsim_capture_read,
+    .proc_write = drvsim_capture_write,
+};
+
 static int __init drvsim_init(void) {
   int ret;
 
@@ -144,7 +227,8 @@ static int __init drvsim_init(void) {
   if (!drvsim_dir) return -ENOMEM;
   if (!proc_create("send", 0200, drvsim_dir, &drvsim_send_ops) ||
       !proc_create("result", 0444, drvsim_dir, &drvsim_result_ops) ||
-      !proc_create("handler", 0444, drvsim_dir, &drvsim_handler_ops)) {
+      !proc_create("handler", 0444, drvsim_dir, &drvsim_handler_ops) ||
+      !proc_create("capture", 0644, drvsim_dir, &drvsim_capture_ops)) {
     remove_proc_subtree(DRVSIM_DIR, NULL);
     return -ENOMEM;
   }

@@ -15,6 +15,7 @@ KPORT_EXTERN_C_BEGIN
 extern struct proc_dir_entry* bypass_proc_dir;
 extern const struct kport_proc_ops g_bypass_proc_counts_fop;
 extern const struct kport_proc_ops g_bypass_proc_debug_fop;
+extern const struct kport_proc_ops g_bypass_proc_catchPkt_fop;
 
 /* Creates the directory and its files: 0, or 1 after removing whatever was
  * created. Start-up only. */
@@ -33,6 +34,17 @@ ssize_t bypass_proc_writeCounts(struct file* file, const char* ubuf, size_t coun
 ssize_t bypass_proc_read_debug(struct file* file, char* ubuf, size_t count, kport_loff_t* pos);
 ssize_t bypass_proc_write_debugLevel(struct file* file, const char* ubuf, size_t count,
                                      kport_loff_t* pos);
+
+/* catchPkt: the 2880-byte capture store, emptied by the read (a second read
+ * at a later position sees zeros); 0 without a store, -ENOMEM when no copy
+ * buffer can be had (the store is then left as it is). Entries that a
+ * capture is still writing are not shown and stay for the next read. A
+ * write loads the slot mask (bytes 0-3), this module's slot (4-7) and the
+ * 92-byte control block (8-99); fewer than 100 bytes is refused with
+ * -EINVAL and changes nothing, a copy fault answers -1 and changes nothing. */
+ssize_t bypass_proc_read_catchPkt(struct file* file, char* ubuf, size_t count, kport_loff_t* pos);
+ssize_t bypass_proc_write_catchPkt(struct file* file, const char* ubuf, size_t count,
+                                   kport_loff_t* pos);
 
 KPORT_EXTERN_C_END
 
