@@ -169,3 +169,26 @@ EXPORT_SYMBOL(bypass_ipv4frag_timer_callback);
 EXPORT_SYMBOL(bypass_ipv6frag_timer_callback);
 EXPORT_SYMBOL(bypass_proc_readHashInfoIpv4);
 EXPORT_SYMBOL(bypass_proc_readHashInfoIpv6);
+
+/* WLAN LB configuration messages and status views. */
+EXPORT_SYMBOL(WLAN_LB_PacketDistribute_Proc);
+EXPORT_SYMBOL(WLAN_LB_InitSysfs);
+EXPORT_SYMBOL(WLAN_LB_ExitSysfs);
+EXPORT_SYMBOL(wlan_lb_proc_read_capwap_distribute_info);
+EXPORT_SYMBOL(wlan_lb_proc_write_capwap_distribute_info);
+EXPORT_SYMBOL(wlan_lb_proc_read_capwap_ka_distribute_info);
+EXPORT_SYMBOL(wlan_lb_proc_write_capwap_ka_distribute_info);
+EXPORT_SYMBOL(g_ulIsLBInited);
+EXPORT_SYMBOL(g_ulKernelLBBoardType);
+EXPORT_SYMBOL(g_ulMessageStatistics);
+EXPORT_SYMBOL(g_ulShowType);
+EXPORT_SYMBOL(g_ulShowCapwapIP);
+EXPORT_SYMBOL(g_stCapwapKAShowKey);
+EXPORT_SYMBOL(g_wlan_lb_capwap_show_lock);
+EXPORT_SYMBOL(g_wlan_lb_capwap_ka_show_lock);
+EXPORT_SYMBOL(g_wlanlbSysvfs_class);
+EXPORT_SYMBOL(g_wlanlbDev_t);
+EXPORT_SYMBOL(wlan_lb_proc_dir);
+EXPORT_SYMBOL(dev_attr_wlan_lb);
+EXPORT_SYMBOL(g_wlan_lb_capwap_fop);
+EXPORT_SYMBOL(g_wlan_lb_capwap_ka_fop);
