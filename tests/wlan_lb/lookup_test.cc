@@ -29,7 +29,7 @@ TEST_F(WlanLookupTest, NoCauseIdIsLoadBalancedOnAFreshModule) {
 
 TEST_F(WlanLookupTest, EveryTypeFindsNothingAndOtherTypesWriteNothing) {
   SetDebugLevel(BYPASS_DEBUG_LEVEL_PKT);
-  WLAN_LB_PORT_INFO_S key{};  // large enough for every record read here
+  WLAN_LB_FIVE_TUPLE_S key{};  // the largest record that types 1, 2 and 4 read
   WLAN_LB_ACCESS_INFO_S access{};
   for (u32 type : {LB_CAPWAP, LB_CAPWAP_KA, LB_AAA_MAC, LB_AAA_PORT}) {
     u32 count = 99;
