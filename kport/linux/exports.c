@@ -170,6 +170,31 @@ EXPORT_SYMBOL(bypass_ipv6frag_timer_callback);
 EXPORT_SYMBOL(bypass_proc_readHashInfoIpv4);
 EXPORT_SYMBOL(bypass_proc_readHashInfoIpv6);
 
+/* WLAN cause-ID, socket-port, RADIUS CoA, Portal, NAC and AAA tables. */
+EXPORT_SYMBOL(g_WLAN_LB_CAUSEID_HASH_Table);
+EXPORT_SYMBOL(g_stSocketUdpPortDistribute);
+EXPORT_SYMBOL(g_stSocketTcpPortDistribute);
+EXPORT_SYMBOL(g_stRadiusCOADistribute);
+EXPORT_SYMBOL(g_stPortalPktDistribute);
+EXPORT_SYMBOL(g_pstNACNodidTbl);
+EXPORT_SYMBOL(WLAN_LB_InitLBCauseIDHashTable);
+EXPORT_SYMBOL(WLAN_LB_CauseID_Hashkey);
+EXPORT_SYMBOL(WLAN_LB_CauseID_Hashmatch);
+EXPORT_SYMBOL(WLAN_LB_CauseID_Table_FindNodeByNode);
+EXPORT_SYMBOL(WLAN_LB_CauseID_Table_AddHashNode);
+EXPORT_SYMBOL(WLAN_LB_SetCauseIDTable);
+EXPORT_SYMBOL(WLAN_LB_FindSocketPortDistributeTblNodeByPort);
+EXPORT_SYMBOL(WLAN_LB_SetSocketPortDistributeTbl);
+EXPORT_SYMBOL(WLAN_LB_DeleteSocketPortDistributeTbl);
+EXPORT_SYMBOL(WLAN_LB_ProcSocketPortDistributeTbl);
+EXPORT_SYMBOL(WLAN_LB_GetDstSocketPortNodeID);
+EXPORT_SYMBOL(WLAN_LB_CheckIsSrcSocketPortNeedDistribute);
+EXPORT_SYMBOL(WLAN_LB_InitRdsCOADistributeTbl);
+EXPORT_SYMBOL(WLAN_LB_SetAAARdsCOADistributeTbl);
+EXPORT_SYMBOL(WLAN_LB_SetAAAPortalDistributeTbl);
+EXPORT_SYMBOL(WLAN_LB_InitAAAAccessVcpuIDList);
+EXPORT_SYMBOL(WLAN_LB_HashAAAAccessVcpuID);
+
 /* WLAN CAPWAP and keep-alive tables. */
 EXPORT_SYMBOL(g_CAPWAP_LB_Table);
 EXPORT_SYMBOL(g_CAPWAP_KEEP_ALIVE_LB_Table);
