@@ -97,6 +97,7 @@ void aaa_tables_exit() {
 
 }  // namespace vane
 
+// A null output has nowhere to put the vCPU: result 1, nothing written.
 extern "C" u32 WLAN_LB_HashAAAAccessVcpuID(const u8* pucBytes, u16 usLength, u64* pullVcpu) {
   if (pullVcpu == nullptr) return WLAN_LB_ERR;
   *pullVcpu = 0;

@@ -189,7 +189,8 @@ extern "C" u32 WLAN_LB_ProcSocketPortDistributeTbl(const WLAN_LB_SOCKET_PORT_MSG
 }
 
 // IPv4 entries are found before IPv6 ones of the same port: a lookup does not
-// know the packet's family and takes whichever is there.
+// know the packet's family and takes whichever is there. A null output is
+// left alone; the result is 0 all the same.
 extern "C" u32 WLAN_LB_GetDstSocketPortNodeID(u16 usPort, u8 ucTcpFlag, u64* pullProcess) {
   kport::RcuReadGuard rcu;
   WLAN_LB_LIST_S* head = vane::list_of(ucTcpFlag);
