@@ -76,6 +76,14 @@ EXPORT_SYMBOL(WLAN_LB_GetVCPUIDByCAPWAPSessionidKey);
 EXPORT_SYMBOL(WLAN_LB_GetAAAAccessVcpuID);
 EXPORT_SYMBOL(WLAN_LB_GetAAAPortVcpuID);
 
+/* WLAN LB state, messages and views. */
+EXPORT_SYMBOL(g_ulIsLBInited);
+EXPORT_SYMBOL(g_ulKernelLBBoardType);
+EXPORT_SYMBOL(g_ulMessageStatistics);
+EXPORT_SYMBOL(WLAN_LB_PacketDistribute_Proc);
+EXPORT_SYMBOL(WLAN_LB_InitSysfs);
+EXPORT_SYMBOL(WLAN_LB_ExitSysfs);
+
 /* Cause-ID steering tables and their statistics. */
 EXPORT_SYMBOL(g_bypass_ivo_lb_table);
 EXPORT_SYMBOL(g_bypass_deteption_lb_table);
@@ -217,17 +225,11 @@ EXPORT_SYMBOL(WLAN_LB_PacketDistribute_CAPWAPKAHashDelete);
 EXPORT_SYMBOL(WLAN_LB_PacketDistribute_CAPWAPHashProc);
 EXPORT_SYMBOL(WLAN_LB_PacketDistribute_CAPWAPKAHashProc);
 
-/* WLAN LB configuration messages and status views. */
-EXPORT_SYMBOL(WLAN_LB_PacketDistribute_Proc);
-EXPORT_SYMBOL(WLAN_LB_InitSysfs);
-EXPORT_SYMBOL(WLAN_LB_ExitSysfs);
+/* WLAN status views: their state and the proc files' handlers. */
 EXPORT_SYMBOL(wlan_lb_proc_read_capwap_distribute_info);
 EXPORT_SYMBOL(wlan_lb_proc_write_capwap_distribute_info);
 EXPORT_SYMBOL(wlan_lb_proc_read_capwap_ka_distribute_info);
 EXPORT_SYMBOL(wlan_lb_proc_write_capwap_ka_distribute_info);
-EXPORT_SYMBOL(g_ulIsLBInited);
-EXPORT_SYMBOL(g_ulKernelLBBoardType);
-EXPORT_SYMBOL(g_ulMessageStatistics);
 EXPORT_SYMBOL(g_ulShowType);
 EXPORT_SYMBOL(g_ulShowCapwapIP);
 EXPORT_SYMBOL(g_stCapwapKAShowKey);
