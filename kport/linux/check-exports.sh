@@ -12,10 +12,10 @@ ko=$out/drv_vane.ko
 NM=${NM:-nm}
 
 # Kept internal: the module's entry and exit, the netlink internals, the
-# packet-data printer (and, when they come, the sysfs attribute handlers).
+# packet-data printer and the sysfs attribute handlers.
 internal="vane_entry_init vane_entry_exit netlink_dev_init netlink_dev_exit
 netlink_receive_msg netlink_check_msg netlink_send_msg_bysock netlink_connect_bysock
-netlink_filter_icmp_pkt bypass_print_pkt_data"
+netlink_filter_icmp_pkt bypass_print_pkt_data wlan_lb_attr_show wlan_lb_attr_store"
 # Language runtime hooks the core defines for the compiler, not for modules.
 runtime="__cxa_pure_virtual __dso_handle"
 

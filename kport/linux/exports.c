@@ -244,3 +244,21 @@ EXPORT_SYMBOL(test_ipMiddleFragment);
 EXPORT_SYMBOL(test_ipLastFragment);
 EXPORT_SYMBOL(test_ipV4Test);
 EXPORT_SYMBOL(test_ipV6Test);
+/* WLAN CAPWAP and keep-alive tables. */
+
+/* WLAN status views: their state and the proc files' handlers. */
+EXPORT_SYMBOL(wlan_lb_proc_read_capwap_distribute_info);
+EXPORT_SYMBOL(wlan_lb_proc_write_capwap_distribute_info);
+EXPORT_SYMBOL(wlan_lb_proc_read_capwap_ka_distribute_info);
+EXPORT_SYMBOL(wlan_lb_proc_write_capwap_ka_distribute_info);
+EXPORT_SYMBOL(g_ulShowType);
+EXPORT_SYMBOL(g_ulShowCapwapIP);
+EXPORT_SYMBOL(g_stCapwapKAShowKey);
+EXPORT_SYMBOL(g_wlan_lb_capwap_show_lock);
+EXPORT_SYMBOL(g_wlan_lb_capwap_ka_show_lock);
+EXPORT_SYMBOL(g_wlanlbSysvfs_class);
+EXPORT_SYMBOL(g_wlanlbDev_t);
+EXPORT_SYMBOL(wlan_lb_proc_dir);
+EXPORT_SYMBOL(dev_attr_wlan_lb);
+EXPORT_SYMBOL(g_wlan_lb_capwap_fop);
+EXPORT_SYMBOL(g_wlan_lb_capwap_ka_fop);

@@ -25,6 +25,7 @@
 
 #include "drv_vane/container.h"
 #include "kport/compiler.h"
+#include "kport/lock.h"
 #include "kport/rcu.h"
 #include "kport/types.h"
 
@@ -349,6 +350,44 @@ void WLAN_LB_InitAAAAccessVcpuIDList(const u32* pulIds, u32 ulCapacity, u16 usCo
 u32 WLAN_LB_HashAAAAccessVcpuID(const u8* pucBytes, u16 usLength, u64* pullVcpu);
 
 /* ---- Status views ---- */
+
+struct kport_class;
+struct kport_device_attr;
+struct kport_proc_ops;
+struct proc_dir_entry;
+struct file;
+
+/* View selectors: the attribute's view (1 NAC list, 2 socket ports,
+ * 3 statistics, 4 cause IDs, else nothing), the address whose CAPWAP records
+ * /proc/wlan_lb/capwap returns, the session whose keep-alive record
+ * /proc/wlan_lb/capwap_ka returns. Single words, written and read with
+ * relaxed atomics. */
+extern s64 g_ulShowType;
+extern u64 g_ulShowCapwapIP;
+extern u32 g_stCapwapKAShowKey[4];
+/* Serialise the readers of each proc file (taken with interrupts masked). */
+extern kport_spinlock_t g_wlan_lb_capwap_show_lock;
+extern kport_spinlock_t g_wlan_lb_capwap_ka_show_lock;
+/* What WLAN_LB_InitSysfs registered (null or 0 when absent). */
+extern struct kport_class* g_wlanlbSysvfs_class;
+extern u32 g_wlanlbDev_t;
+extern struct proc_dir_entry* wlan_lb_proc_dir;
+extern struct kport_device_attr dev_attr_wlan_lb;
+extern const struct kport_proc_ops g_wlan_lb_capwap_fop;
+extern const struct kport_proc_ops g_wlan_lb_capwap_ka_fop;
+
+/* The proc files' handlers: process context. A read returns the bytes copied
+ * (0 at the end, or when no buffer could be had); a write takes the 8- or
+ * 16-byte key and returns count, -22 when count is shorter than the key
+ * (nothing changes) and -1 when the key cannot be copied in. */
+ssize_t wlan_lb_proc_read_capwap_distribute_info(struct file* file, char* ubuf, size_t count,
+                                                 kport_loff_t* pos);
+ssize_t wlan_lb_proc_write_capwap_distribute_info(struct file* file, const char* ubuf, size_t count,
+                                                  kport_loff_t* pos);
+ssize_t wlan_lb_proc_read_capwap_ka_distribute_info(struct file* file, char* ubuf, size_t count,
+                                                    kport_loff_t* pos);
+ssize_t wlan_lb_proc_write_capwap_ka_distribute_info(struct file* file, const char* ubuf,
+                                                     size_t count, kport_loff_t* pos);
 
 /* Creates the sysfs class, device and attribute and /proc/wlan_lb with its
  * two files; logs its failures and leaves nothing half registered. */
