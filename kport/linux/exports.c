@@ -244,7 +244,6 @@ EXPORT_SYMBOL(test_ipMiddleFragment);
 EXPORT_SYMBOL(test_ipLastFragment);
 EXPORT_SYMBOL(test_ipV4Test);
 EXPORT_SYMBOL(test_ipV6Test);
-/* WLAN CAPWAP and keep-alive tables. */
 
 /* WLAN status views: their state and the proc files' handlers. */
 EXPORT_SYMBOL(wlan_lb_proc_read_capwap_distribute_info);
