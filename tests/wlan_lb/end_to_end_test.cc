@@ -189,8 +189,7 @@ TEST_F(WlanEndToEndTest, RadiusCoaReachesEveryNacVcpuUpToEight) {
                                                      {Wlan(22, kPortType), 1}}));
   // Ten: the first eight get a copy; a decision of eight counts under 0.
   Lb(NacMsg(WLAN_LB_BOARD_TYPE_LB, {20, 21, 22, 23, 24, 25, 26, 27, 28, 29}));
-  EXPECT_EQ(Send(Udp(kPort, 40000, WLAN_LB_RADIUS_COA_PORT)),
-            (V{20, 21, 22, 23, 24, 25, 26, 27}));
+  EXPECT_EQ(Send(Udp(kPort, 40000, WLAN_LB_RADIUS_COA_PORT)), (V{20, 21, 22, 23, 24, 25, 26, 27}));
   EXPECT_EQ(last_[kStamp], kPortType);
   EXPECT_EQ(Counters()[0], 1u);
   EXPECT_EQ(Counters()[Wlan(23, kPortType)], 0u);
@@ -213,8 +212,7 @@ TEST_F(WlanEndToEndTest, CapwapFragmentsFollowTheirFirstFragment) {
   // one has no vCPU and nothing is entered for its later fragments.
   EXPECT_EQ(Send(Fragment(0x78, true, 0)), V{9});
   EXPECT_EQ(Send(Fragment(0x78, false, 3)), V{9});
-  Lb(CapwapMsg({Ipv4Addr("10.1.1.1"), Ipv4Addr("10.1.1.2"), 5246, 5247, 0, 9},
-               WLAN_LB_OP_DELETE));
+  Lb(CapwapMsg({Ipv4Addr("10.1.1.1"), Ipv4Addr("10.1.1.2"), 5246, 5247, 0, 9}, WLAN_LB_OP_DELETE));
   EXPECT_EQ(Send(Fragment(0x79, true, 0)), V{0});
   EXPECT_EQ(Send(Fragment(0x79, false, 3)), V{0});
 }
