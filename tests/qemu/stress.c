@@ -41,7 +41,7 @@ static const char* const kWriteFiles[] = {
 };
 
 #define ECM_ETHNUM 7
-#define MC_ETHNUM 20
+#define STRESS_MC_ETHNUM 20
 
 static uint64_t rng_state;
 
@@ -90,7 +90,7 @@ static uint32_t make_packet(uint8_t* buf, uint32_t cap) {
     case 1: /* multi-core interface, random frame */
       len = PREFIX_LEN + rnd() % 1500;
       pattern(buf, len, rnd());
-      prefix(buf, 0, MC_ETHNUM);
+      prefix(buf, 0, STRESS_MC_ETHNUM);
       return len;
     case 2: /* IPv4 ICMP echo: the fast channel's diversion */
       len = PREFIX_LEN + 42;
@@ -168,8 +168,8 @@ static void config_payload(uint32_t rec[22]) {
   memset(rec, 0, 22 * 4);
   rec[0] = rnd() % 2 ? 1 : 0;     /* dispatch switch */
   rec[1] = 14;                    /* Ethernet header after a HiGig2 header */
-  rec[4] = MC_ETHNUM - rnd() % 4; /* multi-core range */
-  rec[5] = MC_ETHNUM + rnd() % 4;
+  rec[4] = STRESS_MC_ETHNUM - rnd() % 4; /* multi-core range */
+  rec[5] = STRESS_MC_ETHNUM + rnd() % 4;
   rec[6] = ECM_ETHNUM;
   for (int i = 7; i < 22; i++) rec[i] = rnd() % 3 ? rnd() % 64 : rnd();
 }
