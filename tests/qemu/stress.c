@@ -166,8 +166,8 @@ static void worker(long end) {
 
 static void config_payload(uint32_t rec[22]) {
   memset(rec, 0, 22 * 4);
-  rec[0] = rnd() % 2 ? 1 : 0;     /* dispatch switch */
-  rec[1] = 14;                    /* Ethernet header after a HiGig2 header */
+  rec[0] = rnd() % 2 ? 1 : 0;            /* dispatch switch */
+  rec[1] = 14;                           /* Ethernet header after a HiGig2 header */
   rec[4] = STRESS_MC_ETHNUM - rnd() % 4; /* multi-core range */
   rec[5] = STRESS_MC_ETHNUM + rnd() % 4;
   rec[6] = ECM_ETHNUM;
