@@ -62,13 +62,13 @@ Bytes PortalMsg(uint16_t port, uint32_t process) {
   return LbMessage(WLAN_LB_KERNEL_LB_SET_PORTAL_NODE, 0, Body(m));
 }
 
-Bytes SocketPortMsg(uint16_t port, bool tcp, bool src_port, uint32_t process, uint32_t ipv6,
+Bytes SocketPortMsg(uint16_t port, bool tcp, uint8_t src_flag, uint32_t process, uint32_t ipv6,
                     uint16_t op) {
   WLAN_LB_SOCKET_PORT_MSG_S m{};
   m.op = op;
   m.port = port;
   m.TcpFlag = tcp ? 1 : 0;
-  m.SrcPortFlag = src_port ? 1 : 0;
+  m.SrcPortFlag = src_flag;
   m.process = process;
   m.isIpv6 = ipv6;
   return LbMessage(WLAN_LB_KERNEL_LB_SET_SOCKET_PORT, 0, Body(m));
@@ -78,10 +78,11 @@ Bytes BoardTypeMsg(uint32_t board_type) {
   return LbMessage(WLAN_LB_KERNEL_LB_SET_BOARD_TYPE, board_type);
 }
 
-Bytes CauseIdMsg(const std::vector<WLAN_LB_CAUSEID_NODE_S>& nodes) {
+Bytes CauseIdMsg(const std::vector<WLAN_LB_CAUSEID_NODE_S>& nodes, std::optional<uint32_t> count) {
   Bytes body(nodes.size() * sizeof(WLAN_LB_CAUSEID_NODE_S));
   if (!nodes.empty()) std::memcpy(body.data(), nodes.data(), body.size());
-  return LbMessage(WLAN_LB_KERNEL_LB_SET_CAUSEIID, static_cast<uint32_t>(nodes.size()), body);
+  return LbMessage(WLAN_LB_KERNEL_LB_SET_CAUSEIID,
+                   count.value_or(static_cast<uint32_t>(nodes.size())), body);
 }
 
 void ApplyLb(const Bytes& msg) {

@@ -4,6 +4,7 @@
 #define VANE_TESTS_SUPPORT_WLAN_MSGS_H
 
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 #include "drv_vane/wlan_lb.h"
@@ -27,10 +28,12 @@ Bytes CapwapKaMsg(const uint32_t (&session)[4], uint32_t process, uint8_t op = 1
 Bytes NacMsg(uint32_t board_type, const std::vector<uint32_t>& ids, uint16_t count);
 Bytes NacMsg(uint32_t board_type, const std::vector<uint32_t>& ids);
 Bytes PortalMsg(uint16_t port, uint32_t process);
-Bytes SocketPortMsg(uint16_t port, bool tcp, bool src_port, uint32_t process, uint32_t ipv6 = 0,
+Bytes SocketPortMsg(uint16_t port, bool tcp, uint8_t src_flag, uint32_t process, uint32_t ipv6 = 0,
                     uint16_t op = 1);
 Bytes BoardTypeMsg(uint32_t board_type);
-Bytes CauseIdMsg(const std::vector<WLAN_LB_CAUSEID_NODE_S>& nodes);
+// The head word is the number of entries unless `count` says otherwise.
+Bytes CauseIdMsg(const std::vector<WLAN_LB_CAUSEID_NODE_S>& nodes,
+                 std::optional<uint32_t> count = std::nullopt);
 
 // Applies a message straight through the handler (no netlink), as the
 // benchmarks and unit tests do.

@@ -13,7 +13,7 @@
 #include "drv_vane/wlan_lb.h"
 #include "kport/user/testing.h"
 #include "support/module_env.h"
-#include "wlan_lb/lb_messages.h"
+#include "wlan_lb/lb_fixture.h"
 #include "wlan_lb/wlan_lb_internal.h"
 
 namespace vane::test {
@@ -100,10 +100,13 @@ TEST_F(WlanMessageTest, MessagesTheReceiverRefusesChangeNothing) {
 TEST_F(WlanMessageTest, EverySetTypeIsCountedWhateverItsLength) {
   // Right lengths, then one short and one long of each: all counted, the
   // malformed ones apply nothing.
-  const std::vector<std::vector<uint8_t>> right = {
-      CapwapMsg(1, 2, 3, 4, 5, 6), CapwapKaMsg({1, 2, 3, 4}, 6),   NacMsg(3, {1, 2}),
-      PortalMsg(8080, 9),          SocketPortMsg(53, false, 0, 4), LbMessage(5, 3, {0, 0, 0, 0}),
-      CauseIdMsg({{100, 2, 1}})};
+  const std::vector<std::vector<uint8_t>> right = {CapwapMsg({1, 2, 3, 4, 5, 6}),
+                                                   CapwapKaMsg({1, 2, 3, 4}, 6),
+                                                   NacMsg(3, {1, 2}),
+                                                   PortalMsg(8080, 9),
+                                                   SocketPortMsg(53, false, 0, 4),
+                                                   LbMessage(5, 3, {0, 0, 0, 0}),
+                                                   CauseIdMsg({{100, 2, 1}})};
   for (const auto& m : right) {
     for (size_t len : {m.size() - 1, m.size() + 1}) EXPECT_EQ(Send(Resized(m, len)), 0);
   }
@@ -140,17 +143,17 @@ TEST_F(WlanMessageTest, CounterWrapsAndUnknownTypesAreNotCounted) {
 
 TEST_F(WlanMessageTest, CapwapTablesAreCreatedByTheirFirstWellFormedMessage) {
   // A delete before any add creates the (empty) table.
-  EXPECT_EQ(Send(CapwapMsg(10, 20, 30, 40, 0, 1, WLAN_LB_OP_DELETE)), 0);
+  EXPECT_EQ(Send(CapwapMsg({10, 20, 30, 40, 0, 1}, WLAN_LB_OP_DELETE)), 0);
   ASSERT_NE(g_CAPWAP_LB_Table, nullptr);
   EXPECT_EQ(CapwapRecordsOf(10), std::vector<uint8_t>(200, 0));
 
-  EXPECT_EQ(Send(CapwapMsg(10, 20, 30, 40, 7, 300)), 0);
-  EXPECT_EQ(Send(CapwapMsg(10, 20, 30, 40, 7, 301)), 0);  // update
+  EXPECT_EQ(Send(CapwapMsg({10, 20, 30, 40, 7, 300})), 0);
+  EXPECT_EQ(Send(CapwapMsg({10, 20, 30, 40, 7, 301})), 0);  // update
   std::vector<uint8_t> expect(200, 0);
   const uint8_t rec[20] = {10, 0, 0, 0, 20, 0, 0, 0, 30, 0, 40, 0, 7, 0, 0, 0, 45, 1, 0, 0};
   std::memcpy(expect.data(), rec, sizeof(rec));
   EXPECT_EQ(CapwapRecordsOf(10), expect);
-  EXPECT_EQ(Send(CapwapMsg(10, 20, 30, 40, 7, 0, WLAN_LB_OP_DELETE)), 0);
+  EXPECT_EQ(Send(CapwapMsg({10, 20, 30, 40, 7, 0}, WLAN_LB_OP_DELETE)), 0);
   EXPECT_EQ(CapwapRecordsOf(10), std::vector<uint8_t>(200, 0));
 
   EXPECT_EQ(Send(CapwapKaMsg({1, 2, 3, 4}, 0, WLAN_LB_OP_DELETE)), 0);
@@ -160,12 +163,12 @@ TEST_F(WlanMessageTest, CapwapTablesAreCreatedByTheirFirstWellFormedMessage) {
 
 TEST_F(WlanMessageTest, TableCreationFailureIsRetriedByTheNextMessage) {
   // Sent directly: the channel itself needs memory to carry a message.
-  const auto add = CapwapMsg(10, 20, 30, 40, 0, 1);
+  const auto add = CapwapMsg({10, 20, 30, 40, 0, 1});
   kport::user::fault::FailAlways(kport::user::fault::Site::kAlloc);
   WLAN_LB_PacketDistribute_Proc(NETLINK_MID_WLAN_LB, add.data(), static_cast<u32>(add.size()));
   kport::user::fault::ClearAll();
   EXPECT_EQ(g_CAPWAP_LB_Table, nullptr);
-  EXPECT_EQ(Send(CapwapMsg(10, 20, 30, 40, 0, 1)), 0);
+  EXPECT_EQ(Send(CapwapMsg({10, 20, 30, 40, 0, 1})), 0);
   EXPECT_NE(g_CAPWAP_LB_Table, nullptr);
   EXPECT_EQ(g_ulMessageStatistics[0], 2u);
 }

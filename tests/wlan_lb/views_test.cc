@@ -16,7 +16,7 @@
 #include "kport/sysfs.h"
 #include "kport/user/testing.h"
 #include "support/module_env.h"
-#include "wlan_lb/lb_messages.h"
+#include "wlan_lb/lb_fixture.h"
 
 namespace vane::test {
 namespace {
@@ -80,7 +80,7 @@ class WlanViewsTest : public LbModuleTest {
 TEST_F(WlanViewsTest, StatisticsViewAndTheSelector) {
   EXPECT_EQ(vfs::SysfsShow(kAttr), "");  // no view at load
   EXPECT_EQ(Send(LbMessage(5, 3)), 0);
-  EXPECT_EQ(Send(CapwapMsg(1, 2, 3, 4, 5, 6)), 0);
+  EXPECT_EQ(Send(CapwapMsg({1, 2, 3, 4, 5, 6})), 0);
   EXPECT_EQ(Send(Resized(PortalMsg(1, 2), 19)), 0);
   EXPECT_EQ(Show("3"), Stats({1, 0, 0, 1, 0, 1, 0}, 3));
 
@@ -188,10 +188,10 @@ TEST_F(WlanCapwapFileTest, FirstTenMatchingRecordsInBucketOrder) {
   std::vector<Sent> sent;
   for (uint16_t i = 0; i < 12; ++i) {
     const uint16_t dport = static_cast<uint16_t>(5000 + (i * 37) % 200);
-    ASSERT_EQ(Send(CapwapMsg(kSip, 7, 1, dport, 2, 40 + i)), 0);
+    ASSERT_EQ(Send(CapwapMsg({kSip, 7, 1, dport, 2, 40u + i})), 0);
     sent.push_back({(kSip + 7 + 1 + dport + 2) % 281, Record(kSip, 7, 1, dport, 2, 40 + i)});
   }
-  ASSERT_EQ(Send(CapwapMsg(kSip + 1, 6, 1, 5000, 2, 99)), 0);
+  ASSERT_EQ(Send(CapwapMsg({kSip + 1, 6, 1, 5000, 2, 99})), 0);
   std::sort(sent.begin(), sent.end(),
             [](const Sent& a, const Sent& b) { return a.bucket < b.bucket; });
   std::vector<uint8_t> expect;
@@ -232,7 +232,7 @@ TEST_F(WlanCapwapFileTest, KeepAliveRecordOfTheWrittenSession) {
 }
 
 TEST_F(WlanCapwapFileTest, BadWritesAndAllocationFailures) {
-  ASSERT_EQ(Send(CapwapMsg(kSip, 1, 1, 1, 1, 77)), 0);
+  ASSERT_EQ(Send(CapwapMsg({kSip, 1, 1, 1, 1, 77})), 0);
   ASSERT_EQ(Send(CapwapKaMsg({5, 6, 7, 8}, 78)), 0);
   const uint32_t key[4] = {5, 6, 7, 8};
   ASSERT_EQ(vfs::ProcWriteAll(kCapwap, Bytes(uint64_t{kSip})), 8);
@@ -285,7 +285,7 @@ TEST_F(WlanViewsTest, ReadersRunWhileMessagesChangeTheTables) {
   ASSERT_EQ(vfs::ProcWriteAll(kCapwap, Bytes(uint64_t{9})), 8);
   for (int i = 0; i < kRounds; ++i) {
     const uint8_t op = (i % 2 == 0) ? 1 : WLAN_LB_OP_DELETE;
-    EXPECT_EQ(Send(CapwapMsg(9, 1, 2, static_cast<uint16_t>(i / 2), 0, 5, op)), 0);
+    EXPECT_EQ(Send(CapwapMsg({9, 1, 2, static_cast<uint16_t>(i / 2), 0, 5}, op)), 0);
     EXPECT_EQ(Send(CapwapKaMsg({9, 9, 9, 9}, static_cast<uint32_t>(i), op)), 0);
     EXPECT_EQ(Send(SocketPortMsg(static_cast<uint16_t>(i % 7), i % 3 == 0, 0, 1, 0, op)), 0);
     EXPECT_EQ(Send(NacMsg(3, {static_cast<uint32_t>(i)})), 0);
