@@ -120,17 +120,6 @@ class CascadeTest : public ModuleTest {
     TIMNG_KERNEL_MSG_S m{cause, node, 1, scan};
     ASSERT_EQ(ctl_->Control(NETLINK_MID_TIMNG, RecordBytes(m)), 0);
   }
-  static std::map<uint32_t, uint32_t> NonZero() {
-    std::map<uint32_t, uint32_t> m;
-    std::vector<uint32_t> c = Counters();
-    for (uint32_t i = 0; i < c.size(); ++i) {
-      if (c[i] != 0) m[i] = c[i];
-    }
-    return m;
-  }
-  static uint32_t Wlan(uint32_t v, uint32_t t) {
-    return BYPASS_PKT_COUNT_WLAN_BASE + BYPASS_PKT_COUNT_WLAN_TYPES * v + t;
-  }
 
   std::unique_ptr<Worker> ctl_;
   std::map<uint32_t, std::unique_ptr<Worker>> workers_;
@@ -142,14 +131,15 @@ class CascadeTest : public ModuleTest {
 TEST_F(CascadeTest, EachDeciderAloneAndTheCountersItRaises) {
   // Nothing decides: the default receiver, counter 0.
   EXPECT_EQ(SendAndWhere(Plain(1)), 0);
-  EXPECT_EQ(NonZero(), (std::map<uint32_t, uint32_t>{{0, 1}}));
+  EXPECT_EQ(NonZeroCounters(), (std::map<uint32_t, uint32_t>{{0, 1}}));
 
   // WLAN: the lookup's vCPU, its per-type counter, and the packet-type stamp
   // in the byte before the Ethernet header of what the worker receives.
   EXPECT_EQ(SendAndWhere(Plain(kCause)), 12);
   EXPECT_EQ(last_[12 + kHead - 1], 4);
   EXPECT_EQ(wlan_.five.dport, 5247u);
-  EXPECT_EQ(NonZero(), (std::map<uint32_t, uint32_t>{{0, 1}, {12, 1}, {Wlan(12, 4), 1}}));
+  EXPECT_EQ(NonZeroCounters(),
+            (std::map<uint32_t, uint32_t>{{0, 1}, {12, 1}, {WlanCounterIndex(12, 4), 1}}));
 
   // Steering table: counted once in the path and once when counted.
   Ivo(9, {77});
@@ -167,7 +157,8 @@ TEST_F(CascadeTest, InternalFramesBeatSteeringTablesWhichBeatTimngWhichBeatsWlan
   Timng(kCause, 3);
   // An internal frame names its vCPU whatever its cause ID says.
   EXPECT_EQ(SendAndWhere(Vp(kCause, 7, 0, false, 0)), 7);
-  EXPECT_EQ(NonZero(), (std::map<uint32_t, uint32_t>{{BYPASS_PKT_COUNT_VP_BASE + 7, 1}, {7, 1}}));
+  EXPECT_EQ(NonZeroCounters(),
+            (std::map<uint32_t, uint32_t>{{BYPASS_PKT_COUNT_VP_BASE + 7, 1}, {7, 1}}));
 
   // The ivo table beats TIMNG for the same cause ID ...
   EXPECT_EQ(SendAndWhere(Plain(kCause)), 9);
@@ -178,8 +169,8 @@ TEST_F(CascadeTest, InternalFramesBeatSteeringTablesWhichBeatTimngWhichBeatsWlan
   EXPECT_EQ(SendAndWhere(Plain(kCause)), 3);
   EXPECT_EQ(last_[12 + kHead - 1], 0);
   EXPECT_EQ(wlan_.lookups, 0);
-  EXPECT_EQ(NonZero(), (std::map<uint32_t, uint32_t>{
-                           {BYPASS_PKT_COUNT_VP_BASE + 7, 1}, {7, 1}, {9, 2}, {3, 2}}));
+  EXPECT_EQ(NonZeroCounters(), (std::map<uint32_t, uint32_t>{
+                                   {BYPASS_PKT_COUNT_VP_BASE + 7, 1}, {7, 1}, {9, 2}, {3, 2}}));
 }
 
 TEST_F(CascadeTest, VpFramesKeepAFragmentedDatagramTogether) {
@@ -191,7 +182,7 @@ TEST_F(CascadeTest, VpFramesKeepAFragmentedDatagramTogether) {
   EXPECT_EQ(SendAndWhere(Vp(1, 61, 0, false, 9)), 12);
   // The datagram is finished: its repeated last fragment has nowhere to go.
   EXPECT_EQ(SendAndWhere(Vp(1, 61, 0, false, 9)), 0);
-  EXPECT_EQ(NonZero(),
+  EXPECT_EQ(NonZeroCounters(),
             (std::map<uint32_t, uint32_t>{{0, 1}, {12, 4}, {BYPASS_PKT_COUNT_VP_BASE + 12, 4}}));
 
   // Unmarked first fragments and vCPU bytes 0 and 64 enter and decide nothing.
@@ -236,7 +227,7 @@ TEST_F(CascadeTest, TimngScanFragmentsGoToTheDefaultReceiverAheadOfTimngAndWlan)
   EXPECT_EQ(SendAndWhere(frag(true, 0)), 0);
   EXPECT_EQ(SendAndWhere(frag(true, 3)), 0);
   EXPECT_EQ(SendAndWhere(frag(false, 6)), 0);
-  EXPECT_EQ(NonZero(), (std::map<uint32_t, uint32_t>{{0, 6}}));
+  EXPECT_EQ(NonZeroCounters(), (std::map<uint32_t, uint32_t>{{0, 6}}));
   EXPECT_EQ(wlan_.lookups, 0);
   // The same cause ID unfragmented is TIMNG's own vCPU.
   EXPECT_EQ(SendAndWhere(Plain(kCause)), 3);

@@ -75,9 +75,7 @@ class PipelineTest : public ModuleTest {
     bypass_msg_getVCpuId(buf.data(), static_cast<uint32_t>(buf.size()), &r.count, r.list);
     return r;
   }
-  static uint32_t WlanCounter(uint32_t v, uint32_t t) {
-    return Counters()[BYPASS_PKT_COUNT_WLAN_BASE + BYPASS_PKT_COUNT_WLAN_TYPES * v + t];
-  }
+  static uint32_t WlanCounter(uint32_t v, uint32_t t) { return Counters()[WlanCounterIndex(v, t)]; }
 
   BYPASS_PKT_OFFSET_S cfg_{};
   WlanStandIn wlan_;

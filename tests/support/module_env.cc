@@ -138,6 +138,15 @@ std::vector<uint32_t> Counters() {
   return counts;
 }
 
+std::map<uint32_t, uint32_t> NonZeroCounters() {
+  std::map<uint32_t, uint32_t> m;
+  const std::vector<uint32_t> c = Counters();
+  for (uint32_t i = 0; i < c.size(); ++i) {
+    if (c[i] != 0) m[i] = c[i];
+  }
+  return m;
+}
+
 void ModuleTest::SetUp() {
   kport::user::fault::ClearAll();
   kport::user::klog::Clear();

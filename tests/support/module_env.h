@@ -8,12 +8,14 @@
 
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "drv_vane/config.h"
+#include "drv_vane/dispatch.h"
 #include "kport/user/testing.h"
 
 namespace vane::test {
@@ -94,6 +96,12 @@ std::string DebugText();
 void SetDebugLevel(uint32_t level);
 // The 960 counters as /proc/bypassDebug/counts shows them.
 std::vector<uint32_t> Counters();
+// The counters that are not zero, by index.
+std::map<uint32_t, uint32_t> NonZeroCounters();
+// The index of the WLAN counter of vCPU v and packet type t.
+constexpr uint32_t WlanCounterIndex(uint32_t v, uint32_t t) {
+  return BYPASS_PKT_COUNT_WLAN_BASE + BYPASS_PKT_COUNT_WLAN_TYPES * v + t;
+}
 
 // Loads the module before each test and unloads it after, checking that the
 // unload gives back every allocation and leaves no proc entry or socket.

@@ -102,17 +102,6 @@ class WlanEndToEndTest : public ModuleTest {
     }
     return got;
   }
-  static std::map<uint32_t, uint32_t> NonZero() {
-    std::map<uint32_t, uint32_t> m;
-    std::vector<uint32_t> c = Counters();
-    for (uint32_t i = 0; i < c.size(); ++i) {
-      if (c[i] != 0) m[i] = c[i];
-    }
-    return m;
-  }
-  static uint32_t Wlan(uint32_t v, uint32_t t) {
-    return BYPASS_PKT_COUNT_WLAN_BASE + BYPASS_PKT_COUNT_WLAN_TYPES * v + t;
-  }
   using V = std::vector<uint32_t>;
 
   std::unique_ptr<Worker> ctl_;
@@ -162,17 +151,18 @@ TEST_F(WlanEndToEndTest, EachLbTypeReachesItsVcpuStampedAndCounted) {
   Lb(SocketPortMsg(1812, false, true, 0));
   EXPECT_EQ(Send(Udp(kPort, 1812, 55692)), V{2});
 
-  EXPECT_EQ(NonZero(), (std::map<uint32_t, uint32_t>{{2, 1},
-                                                     {3, 2},
-                                                     {7, 1},
-                                                     {9, 1},
-                                                     {12, 1},
-                                                     {Wlan(2, kPortType), 1},
-                                                     {Wlan(3, kCapwapType), 1},
-                                                     {Wlan(3, kPortType), 1},
-                                                     {Wlan(7, kKaType), 1},
-                                                     {Wlan(9, kMacType), 1},
-                                                     {Wlan(12, kCapwapType), 1}}));
+  EXPECT_EQ(NonZeroCounters(),
+            (std::map<uint32_t, uint32_t>{{2, 1},
+                                          {3, 2},
+                                          {7, 1},
+                                          {9, 1},
+                                          {12, 1},
+                                          {WlanCounterIndex(2, kPortType), 1},
+                                          {WlanCounterIndex(3, kCapwapType), 1},
+                                          {WlanCounterIndex(3, kPortType), 1},
+                                          {WlanCounterIndex(7, kKaType), 1},
+                                          {WlanCounterIndex(9, kMacType), 1},
+                                          {WlanCounterIndex(12, kCapwapType), 1}}));
 }
 
 TEST_F(WlanEndToEndTest, RadiusCoaReachesEveryNacVcpuUpToEight) {
@@ -181,18 +171,19 @@ TEST_F(WlanEndToEndTest, RadiusCoaReachesEveryNacVcpuUpToEight) {
   Lb(NacMsg(WLAN_LB_BOARD_TYPE_LB, {20, 21, 22}));
   EXPECT_EQ(Send(Udp(kPort, 40000, WLAN_LB_RADIUS_COA_PORT)), (V{20, 21, 22}));
   EXPECT_EQ(last_[kStamp], kPortType);
-  EXPECT_EQ(NonZero(), (std::map<uint32_t, uint32_t>{{20, 1},
-                                                     {21, 1},
-                                                     {22, 1},
-                                                     {Wlan(20, kPortType), 1},
-                                                     {Wlan(21, kPortType), 1},
-                                                     {Wlan(22, kPortType), 1}}));
+  EXPECT_EQ(NonZeroCounters(),
+            (std::map<uint32_t, uint32_t>{{20, 1},
+                                          {21, 1},
+                                          {22, 1},
+                                          {WlanCounterIndex(20, kPortType), 1},
+                                          {WlanCounterIndex(21, kPortType), 1},
+                                          {WlanCounterIndex(22, kPortType), 1}}));
   // Ten: the first eight get a copy; a decision of eight counts under 0.
   Lb(NacMsg(WLAN_LB_BOARD_TYPE_LB, {20, 21, 22, 23, 24, 25, 26, 27, 28, 29}));
   EXPECT_EQ(Send(Udp(kPort, 40000, WLAN_LB_RADIUS_COA_PORT)), (V{20, 21, 22, 23, 24, 25, 26, 27}));
   EXPECT_EQ(last_[kStamp], kPortType);
   EXPECT_EQ(Counters()[0], 1u);
-  EXPECT_EQ(Counters()[Wlan(23, kPortType)], 0u);
+  EXPECT_EQ(Counters()[WlanCounterIndex(23, kPortType)], 0u);
   // No NAC vCPU at all: nothing decided, the default receiver.
   Lb(NacMsg(WLAN_LB_BOARD_TYPE_LB, {}));
   EXPECT_EQ(Send(Udp(kPort, 40000, WLAN_LB_RADIUS_COA_PORT)), V{0});

@@ -42,10 +42,6 @@ Bytes Udp(uint16_t cause, uint32_t src, uint16_t sport, uint16_t dport,
       .build();
 }
 
-uint32_t Wlan(uint32_t v, uint32_t t) {
-  return BYPASS_PKT_COUNT_WLAN_BASE + BYPASS_PKT_COUNT_WLAN_TYPES * v + t;
-}
-
 class WlanPipelineStressTest : public ModuleTest {};
 
 TEST_F(WlanPipelineStressTest, StableDecisionsCountExactlyWhileEveryTableChurns) {
@@ -125,14 +121,14 @@ TEST_F(WlanPipelineStressTest, StableDecisionsCountExactlyWhileEveryTableChurns)
   const std::vector<uint32_t> c = Counters();
   for (uint32_t t = 0; t < kPacketThreads; ++t) {
     EXPECT_EQ(c[10 + t], kRounds) << t;
-    EXPECT_EQ(c[Wlan(10 + t, kType[0])], kRounds) << t;
+    EXPECT_EQ(c[WlanCounterIndex(10 + t, kType[0])], kRounds) << t;
   }
   EXPECT_EQ(c[7], kPacketThreads * kRounds);
-  EXPECT_EQ(c[Wlan(7, kType[1])], kPacketThreads * kRounds);
+  EXPECT_EQ(c[WlanCounterIndex(7, kType[1])], kPacketThreads * kRounds);
   EXPECT_EQ(c[9], kPacketThreads * kRounds);
-  EXPECT_EQ(c[Wlan(9, kType[2])], kPacketThreads * kRounds);
+  EXPECT_EQ(c[WlanCounterIndex(9, kType[2])], kPacketThreads * kRounds);
   EXPECT_EQ(c[3], kPacketThreads * kRounds);
-  EXPECT_EQ(c[Wlan(3, kType[3])], kPacketThreads * kRounds);
+  EXPECT_EQ(c[WlanCounterIndex(3, kType[3])], kPacketThreads * kRounds);
   EXPECT_EQ(c[0], 0u);
 }
 
