@@ -1,0 +1,58 @@
+// The pure pieces: the drop-count parser and the datagram walk.
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "fake_daemon.h"
+#include "frame.h"
+#include "proc_netlink.h"
+
+namespace vane::test {
+namespace {
+
+constexpr char kProcNetlink[] =
+    "sk               Eth Pid        Groups   Rmem     Wmem     Dump  Locks    Drops    Inode\n"
+    "000000005caa5593 0   0          00000000 0        0        0     2        0        4       \n"
+    "0000000011f10920 26  4242       00000000 212992   0        0     2        17       1513    \n"
+    "00000000531dcc98 27  4242       00000000 0        0        0     2        3        15130   \n";
+
+TEST(ProcNetlinkTest, FindsTheDropsOfTheSocketByInode) {
+  EXPECT_EQ(ParseNetlinkDrops(kProcNetlink, 1513), 17u);
+  EXPECT_EQ(ParseNetlinkDrops(kProcNetlink, 15130), 3u);
+  EXPECT_EQ(ParseNetlinkDrops(kProcNetlink, 4), 0u);
+  EXPECT_FALSE(ParseNetlinkDrops(kProcNetlink, 151));  // no prefix matches
+  EXPECT_FALSE(ParseNetlinkDrops("", 4));
+  // Columns are found by name, wherever a kernel puts them.
+  EXPECT_EQ(ParseNetlinkDrops("Inode Foo Drops\n77 x 9\n", 77), 9u);
+  EXPECT_FALSE(ParseNetlinkDrops("Inode Foo\n77 x 9\n", 77));
+  EXPECT_FALSE(ParseNetlinkDrops("Inode Drops\n77\n", 77));  // short row
+  EXPECT_FALSE(ParseNetlinkDrops("Inode Drops\n77 -1\n", 77));
+}
+
+TEST(WalkDatagramTest, VisitsEachMessageAndFlagsWhatCannotBeFramed) {
+  Bytes two = PacketMsg(1, Bytes(5, 1));
+  const Bytes second = PacketMsg(2, Bytes(3, 2));
+  two.insert(two.end(), second.begin(), second.end());
+  std::vector<uint32_t> types;
+  auto visit = [&](const NlMessage& m) { types.push_back(Load<uint32_t>(m.body.data())); };
+  EXPECT_TRUE(WalkDatagram(two, visit));
+  EXPECT_EQ(types, (std::vector<uint32_t>{1, 2}));
+
+  // The last message may end without its padding.
+  Bytes unpadded = PacketMsg(3, Bytes(5, 3));
+  unpadded.resize(Le32(unpadded.data()));
+  types.clear();
+  EXPECT_TRUE(WalkDatagram(unpadded, visit));
+  EXPECT_EQ(types, (std::vector<uint32_t>{3}));
+
+  Bytes cut = two;
+  cut.resize(two.size() - 2);  // past the padding: the second message now overshoots
+  types.clear();
+  EXPECT_FALSE(WalkDatagram(cut, visit));
+  EXPECT_EQ(types, (std::vector<uint32_t>{1}));
+  EXPECT_FALSE(WalkDatagram(Bytes{}, visit));
+  EXPECT_FALSE(WalkDatagram(Bytes(15, 0), visit));
+}
+
+}  // namespace
+}  // namespace vane::test
