@@ -146,7 +146,7 @@ void BM_WorkerReceive(benchmark::State& state) {
   }
   uint64_t sum = 0;
   int64_t packets = 0;
-  for (auto _ : state) {
+  for (auto _ : state) {  // NOLINT(clang-analyzer-deadcode.DeadStores)
     const int n = vane_worker_poll(w, 1000, Count, &sum);
     if (n < 0) {
       state.SkipWithError("poll failed");

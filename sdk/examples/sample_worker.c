@@ -170,10 +170,11 @@ static int parse_vcpus(const char* s, uint8_t* out, size_t* n) {
     if (errno || end == s || v < 1 || v > 63 || *n == VANE_WORKER_MAX_VCPUS - 1) return -1;
     out[(*n)++] = (uint8_t)v;
     s = end;
-    if (*s == ',')
+    if (*s == ',') {
       ++s;
-    else if (*s)
+    } else if (*s) {
       return -1;
+    }
   }
   return *n ? 0 : -1;
 }

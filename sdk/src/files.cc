@@ -49,7 +49,7 @@ ssize_t RemoteIo(vane_ctl* c, uint16_t type, const char* path, uint8_t* rdata, c
   const vane_wire_file_req req{pos != nullptr ? *pos : 0, static_cast<uint32_t>(count),
                                static_cast<uint32_t>(path_len)};
   std::memcpy(p + kNlHdrLen, &req, sizeof req);
-  std::memcpy(p + kReqLen, path, path_len);
+  std::copy_n(path, path_len, p + kReqLen);  // the wire path has no terminator
   if (wdata != nullptr && count != 0) std::memcpy(p + kReqLen + path_len, wdata, count);
 
   int64_t new_pos = 0;

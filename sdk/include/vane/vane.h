@@ -94,38 +94,49 @@ typedef void (*vane_loss_fn)(void* arg, int channel, uint64_t lost);
 
 typedef struct vane_worker_opts {
   vane_endpoint ep;
-  int open_normal;           /* open the normal channel (26) */
-  int open_fast;             /* open the fast channel (27) */
-  int default_receiver;      /* register as the default receiver (index 0) */
-  const uint8_t* vcpus;      /* vCPU slots 1..63 to register for */
+  int open_normal;      /* open the normal channel (26) */
+  int open_fast;        /* open the fast channel (27) */
+  int default_receiver; /* register as the default receiver (index 0) */
+  const uint8_t* vcpus; /* vCPU slots 1..63 to register for */
   size_t n_vcpus;
-  unsigned batch;            /* messages per recvmmsg; 0 = 64 */
-  unsigned rcvbuf;           /* socket receive buffer in bytes; 0 = system default */
-  unsigned reregister_ms;    /* re-send the registrations this often; 0 = 1000 */
+  unsigned batch;         /* messages per recvmmsg; 0 = 64 */
+  unsigned rcvbuf;        /* socket receive buffer in bytes; 0 = system default */
+  unsigned reregister_ms; /* re-send the registrations this often; 0 = 1000 */
   vane_loss_fn on_loss;
   void* on_loss_arg;
 } vane_worker_opts;
 
 typedef struct vane_worker_stats {
-  uint64_t packets;         /* delivered to the callback */
-  uint64_t bytes;           /* data bytes delivered */
-  uint64_t lost;            /* messages the dispatcher could not queue for us */
-  uint64_t loss_events;     /* ENOBUFS / overrun notices seen */
-  uint64_t malformed;       /* messages dropped because they were not well formed */
-  uint64_t registrations;   /* registration rounds acknowledged */
+  uint64_t packets;       /* delivered to the callback */
+  uint64_t bytes;         /* data bytes delivered */
+  uint64_t lost;          /* messages the dispatcher could not queue for us */
+  uint64_t loss_events;   /* ENOBUFS / overrun notices seen */
+  uint64_t malformed;     /* messages dropped because they were not well formed */
+  uint64_t registrations; /* registration rounds acknowledged */
   uint64_t registration_failures;
 } vane_worker_stats;
 
-/* Opens the channels and registers (waiting for the acknowledgements). */
+/* Opens the channels and registers (waiting for the acknowledgements); each
+ * channel's socket registers every slot for its own channel. -EINVAL for no
+ * channel, no slot (neither default_receiver nor a vCPU), a vCPU outside
+ * 1..63, or a DRY_RUN endpoint; otherwise the first error acknowledged or
+ * -ETIMEDOUT. Packets that arrive while the acknowledgements are awaited are
+ * kept (up to 256 KiB, beyond that counted as lost) for the next poll. */
 int vane_worker_open(const vane_worker_opts* opts, vane_worker** out);
 /* Sends the registrations again now (also done every reregister_ms by
  * vane_worker_poll, so a worker finds its way back after the module is
  * reloaded or the daemon restarts). */
+/* Waits for the acknowledgements like vane_worker_open and returns the first
+ * error acknowledged; the periodic rounds of vane_worker_poll do not wait
+ * (their acknowledgements are consumed as they arrive). While the module or
+ * daemon is gone, poll retries every 50 ms instead of every reregister_ms. */
 int vane_worker_register(vane_worker* w);
 /* Waits up to timeout_ms (-1: forever, 0: not at all) for packets, receives
  * one batch per ready channel and calls fn for each packet. Returns the
  * number of packets handed to fn, or a negative error. A loss is reported
  * through on_loss and the statistics, never as an error. */
+/* A signal interrupting the wait returns 0 (so a caller can check its flags);
+ * -EINVAL without a callback. */
 int vane_worker_poll(vane_worker* w, int timeout_ms, vane_packet_fn fn, void* arg);
 void vane_worker_stats_get(const vane_worker* w, vane_worker_stats* out);
 /* The file descriptor of a channel's socket (for epoll), or -1. */
@@ -146,11 +157,16 @@ int vane_ctl_open(const vane_endpoint* ep, vane_ctl** out);
 void vane_ctl_close(vane_ctl* c);
 enum vane_transport vane_ctl_transport(const vane_ctl* c);
 
-/* Any control message: message id, payload, payload length field = len. */
+/* Any control message: message id, payload, payload length field = len.
+ * -EINVAL for a channel other than 26/27, a missing payload of nonzero
+ * length, or a message larger than a datagram (VANE_WIRE_DGRAM_MAX). */
 int vane_ctl_send(vane_ctl* c, int channel, uint32_t msg_id, const void* payload, uint32_t len);
 
 /* Message 0: registers the calling process for a channel's vCPU slot
- * (vcpu 0 = default receiver and slot 0). */
+ * (vcpu 0 = default receiver and slot 0); sent on that channel's socket.
+ * -EINVAL for a channel other than 26/27 or vcpu > 63. Over the daemon's
+ * socket the control handle's own address becomes the process's port, so
+ * packets then go to this handle: workers use vane_worker_open instead. */
 int vane_ctl_register(vane_ctl* c, int channel, uint32_t vcpu);
 
 /* Message 5: the 88-byte dispatch configuration record, slot by slot. */
@@ -178,9 +194,11 @@ typedef struct vane_dispatch_config {
   uint32_t no_hg_hdr;
   uint32_t inner_mac_offset;
 } vane_dispatch_config;
+/* -EINVAL for a NULL cfg; the slots themselves are not checked. */
 int vane_ctl_set_config(vane_ctl* c, const vane_dispatch_config* cfg);
 
-/* Message 6: one debug command code. */
+/* Message 6: one debug command code, 1..20 (others do nothing there and
+ * are refused here with -EINVAL). */
 int vane_ctl_debug_command(vane_ctl* c, uint8_t code);
 
 /* Message 11: a cause-ID steering table (60 bytes). */
@@ -196,14 +214,21 @@ typedef struct vane_steering_table {
   uint16_t cause_id_min; /* 0: no range */
   uint16_t cause_id_max;
 } vane_steering_table;
+/* -EINVAL for NULL, table_type > 1, cause_id_count > 20 or vcpu > 63. */
 int vane_ctl_set_steering(vane_ctl* c, const vane_steering_table* t);
 
-/* Messages 14 and 15: TIMNG. */
+/* Messages 14 and 15: TIMNG. -EINVAL for a cause ID above 8191 (13 bits)
+ * or a node above 63. */
 int vane_ctl_timng_set(vane_ctl* c, uint32_t cause_id, uint32_t node_id, uint32_t is_master,
                        uint32_t is_frag_scan);
 int vane_ctl_timng_master(vane_ctl* c, uint32_t is_master);
 
-/* Message 10, one function per set type. */
+/* Message 10, one function per set type. Common checks (-EINVAL): a NULL
+ * record; op other than VANE_LB_OP_ADD/DELETE; a vCPU (process) above 63,
+ * except that a socket port also takes 0xFFFFFFFF (spread over the NAC
+ * list); tcp, src_port and ipv6 other than 0/1; more than VANE_NAC_MAX NAC
+ * ids; a cause-ID count of 0 or above VANE_CAUSEID_MAX; a cause-ID entry
+ * with cause_id > 8191, pkt_type outside 1..11 or lb_type outside 1..4. */
 #define VANE_LB_OP_ADD 1u
 #define VANE_LB_OP_DELETE 2u
 typedef struct vane_capwap_entry {
@@ -224,7 +249,7 @@ typedef struct vane_socket_port {
   uint8_t tcp;      /* 0: UDP list, 1: TCP list */
   uint8_t src_port; /* 1: match the source port, 0: the destination port */
   uint32_t process;
-  uint32_t ipv6;    /* as the entry message carries it */
+  uint32_t ipv6; /* as the entry message carries it */
 } vane_socket_port;
 int vane_ctl_lb_socket_port(vane_ctl* c, const vane_socket_port* p, uint16_t op);
 int vane_ctl_lb_board_type(vane_ctl* c, uint32_t board_type);
@@ -236,7 +261,8 @@ typedef struct vane_cause_id_entry {
 #define VANE_CAUSEID_MAX 100
 int vane_ctl_lb_cause_ids(vane_ctl* c, const vane_cause_id_entry* entries, uint32_t count);
 
-/* Handler ids 1..4, 7..9, 12, 13 (handlers other kernel modules register). */
+/* Handler ids 1..4, 7..9, 12, 13 (handlers other kernel modules register);
+ * any other id is -EINVAL. */
 int vane_ctl_handler_msg(vane_ctl* c, uint32_t msg_id, const void* payload, uint32_t len);
 
 /* Builds one control message (netlink header, message id, payload length,
@@ -251,13 +277,16 @@ size_t vane_build_control(uint8_t* out, size_t cap, uint32_t msg_id, const void*
  * real files; over the daemon's socket they are its files, served by path
  * with the same count and position semantics. */
 
-/* One read(2) at *pos (advanced). Bytes read, 0 at the end, or -errno. */
+/* One read(2) at *pos (advanced; NULL reads at 0). Bytes read, 0 at the
+ * end, or -errno. Over the daemon's socket one call moves at most
+ * VANE_WIRE_FILE_CHUNK bytes, and a path must be 1..255 bytes (-EINVAL).
+ * A DRY_RUN handle has no files (-EINVAL). */
 ssize_t vane_file_read(vane_ctl* c, const char* path, void* buf, size_t count, int64_t* pos);
 /* One write(2) at *pos (advanced, may be NULL for 0). Bytes written or -errno. */
-ssize_t vane_file_write(vane_ctl* c, const char* path, const void* buf, size_t count,
-                        int64_t* pos);
+ssize_t vane_file_write(vane_ctl* c, const char* path, const void* buf, size_t count, int64_t* pos);
 /* Reads the whole file from position 0 into a buffer from malloc (free()
  * it); *len receives its length. 0 or -errno. */
+/* -EFBIG beyond 1 GiB. */
 int vane_file_read_all(vane_ctl* c, const char* path, uint8_t** out, size_t* len);
 
 #ifdef __cplusplus
