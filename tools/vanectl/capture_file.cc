@@ -63,14 +63,22 @@ uint32_t Number(const std::string& key, const std::string& v, uint32_t max) {
 }
 
 void Mac(const std::string& key, const std::string& v, uint8_t out[6]) {
-  unsigned b[6];
-  char tail = 0;
-  if (std::sscanf(v.c_str(), "%2x:%2x:%2x:%2x:%2x:%2x%c", &b[0], &b[1], &b[2], &b[3], &b[4], &b[5],
-                  &tail) != 6) {
-    throw std::invalid_argument(fmt::format("{}: not a MAC address: {}", key, v));
+  // Six pairs of hex digits separated by ':', nothing else.
+  auto hex = [](char c) -> int {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+  };
+  bool ok = v.size() == 17;
+  for (size_t i = 0; ok && i < 6; ++i) {
+    const int hi = hex(v[3 * i]);
+    const int lo = hex(v[3 * i + 1]);
+    ok = hi >= 0 && lo >= 0 && (i == 5 || v[3 * i + 2] == ':');
+    out[i] = static_cast<uint8_t>(hi * 16 + lo);
   }
-  for (int i = 0; i < 6; ++i) {
-    out[i] = static_cast<uint8_t>(b[i]);
+  if (!ok) {
+    throw std::invalid_argument(fmt::format("{}: not a MAC address: {}", key, v));
   }
 }
 
