@@ -1,6 +1,7 @@
 // `vanectl apply FILE [--dry-run]`: the command around Plan/ApplyConfig,
-// with its text and JSON output. RunApply is the whole command minus the
-// argument parsing, so that tests drive it as the operator does.
+// with its text and JSON output (apply_run.cc; the options are apply.cc).
+// RunApply is the whole command minus the argument parsing, so that tests
+// drive it as the operator does.
 #ifndef VANE_TOOLS_VANECTL_APPLY_H
 #define VANE_TOOLS_VANECTL_APPLY_H
 
