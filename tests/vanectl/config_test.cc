@@ -159,6 +159,20 @@ TEST(ConfigTest, EntriesTheDispatcherWouldMergeOrNeverMatchAreRefused) {
   EXPECT_EQ(c.wlan->capwap[1].src, kAnyAddress);
 }
 
+TEST(ConfigTest, TheDocumentedExampleParses) {
+  std::ifstream in(VANECTL_CONFIG_DOC);
+  std::ostringstream doc;
+  doc << in.rdbuf();
+  const std::string text = doc.str();
+  const size_t start = text.rfind("```yaml\n");
+  ASSERT_NE(start, std::string::npos);
+  const size_t end = text.find("```", start + 8);
+  ASSERT_NE(end, std::string::npos);
+  const Config c = ParseConfig(text.substr(start + 8, end - start - 8), "CONFIG.md");
+  ASSERT_TRUE(c.dispatch && c.steering && c.timng && c.wlan);
+  EXPECT_EQ(c.wlan->capwap[1].sport, kAnyPort);
+}
+
 TEST(ConfigTest, SyntaxErrorsAndUnreadableFilesSayWhere) {
   EXPECT_EQ(Error("wlan: [\n"), Error("wlan: [\n"));
   EXPECT_EQ(Error("wlan: [\n").rfind("t.yaml:", 0), 0u);
