@@ -38,7 +38,10 @@ extern "C" int vane_ctl_open(const vane_endpoint* ep, vane_ctl** out) {
     c->dry_run_arg = ep->dry_run_arg;
     if (ep->timeout_ms > 0) c->timeout_ms = ep->timeout_ms;
   }
-  c->seq = vane::FirstSeq();
+  // A dry run numbers its messages from 1, so the same file prints the same
+  // bytes every time; a live handle starts at a time-derived number so that
+  // a late acknowledgement of an earlier process is never taken for ours.
+  c->seq = t == VANE_TRANSPORT_DRY_RUN ? 0 : vane::FirstSeq();
   if (t != VANE_TRANSPORT_DRY_RUN) {
     // Open the normal channel now so that a missing module or a bad run
     // directory shows at open time, not at the first message.

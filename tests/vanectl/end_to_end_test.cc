@@ -165,7 +165,7 @@ TEST_F(ApplyToCoreTest, TheCapwapFilesHoldEveryTunnelAndSession) {
       if (sip == 0 && process == 0) continue;
       got.insert({sip, dip, sport, dport, image[off + 12], process});
     }
-    EXPECT_EQ(got, tunnels) << Ipv4Text(src);
+    EXPECT_EQ(got, tunnels) << AddressText(src);
   }
   for (const KeepAliveEntry& k : config_.wlan->capwap_keepalive) {
     Bytes key(16);

@@ -448,7 +448,7 @@ const char* LbTypeName(LbType t) {
   return "?";
 }
 
-std::string Ipv4Text(uint32_t host_order) {
+std::string AddressText(uint32_t host_order) {
   if (host_order == kAnyAddress) return "any";
   return fmt::format("{}.{}.{}.{}", host_order >> 24, (host_order >> 16) & 0xFF,
                      (host_order >> 8) & 0xFF, host_order & 0xFF);

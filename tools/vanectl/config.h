@@ -144,7 +144,7 @@ Config LoadConfig(const std::string& path);
 
 // Text forms used in messages and summaries.
 const char* LbTypeName(LbType t);
-std::string Ipv4Text(uint32_t host_order);
+std::string AddressText(uint32_t host_order);
 
 }  // namespace vanectl
 

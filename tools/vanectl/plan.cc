@@ -17,8 +17,8 @@ void AddWlanTables(const WlanSection& w, std::vector<Step>& plan) {
   for (const CapwapEntry& e : w.capwap) {
     plan.push_back(
         {"capwap", 10,
-         fmt::format("CAPWAP tunnel {}:{} -> {}:{} vpn {} -> {}", Ipv4Text(e.src), Port(e.sport),
-                     Ipv4Text(e.dst), Port(e.dport),
+         fmt::format("CAPWAP tunnel {}:{} -> {}:{} vpn {} -> {}", AddressText(e.src), Port(e.sport),
+                     AddressText(e.dst), Port(e.dport),
                      e.vpn == kAnyVpn ? std::string("any") : fmt::to_string(e.vpn), Vcpu(e.vcpu)),
          e.line, [e](vane_ctl* c) {
            const vane_capwap_entry m{e.src, e.dst, e.sport, e.dport, e.vpn, e.vcpu};
