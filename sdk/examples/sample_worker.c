@@ -262,6 +262,10 @@ int main(int argc, char** argv) {
     if (idle_exit_s > 0 && now - c.last_packet_ms >= idle_exit_s * 1000) break;
   }
 
+  /* What was already queued for us counts too. */
+  while (rc >= 0 && (rc = vane_worker_poll(w, 0, on_packet, &c)) > 0) {
+  }
+
   vane_worker_stats st;
   vane_worker_stats_get(w, &st);
   vane_worker_close(w);

@@ -3,6 +3,7 @@
 // re-registration. Nothing here allocates.
 #include <poll.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -151,7 +152,7 @@ extern "C" int vane_worker_poll(vane_worker* w, int timeout_ms, vane_packet_fn f
     }
     int64_t wait = w->next_reg_ms - now;
     if (timeout_ms >= 0) wait = std::min<int64_t>(wait, start + timeout_ms - now);
-    wait = std::max<int64_t>(wait, 0);
+    wait = std::clamp<int64_t>(wait, 0, INT32_MAX);
     const int r = poll(pfds, w->n_chans, static_cast<int>(wait));
     if (r < 0) return errno == EINTR ? 0 : -errno;
     for (unsigned i = 0; r > 0 && i < w->n_chans; ++i) {

@@ -134,14 +134,6 @@ TEST_F(ControlTest, EachMessageHasItsExactWireBytes) {
   }
 }
 
-TEST_F(ControlTest, SequenceNumbersDifferPerRequest) {
-  ASSERT_EQ(vane_ctl_lb_board_type(ctl_, 3), 0);
-  ASSERT_EQ(vane_ctl_lb_board_type(ctl_, 3), 0);
-  const auto got = daemon_.Received();
-  ASSERT_EQ(got.size(), 2u);
-  EXPECT_NE(Le32(&got[0].bytes[8]), Le32(&got[1].bytes[8]));
-}
-
 TEST_F(ControlTest, AcknowledgedErrorIsTheResult) {
   daemon_.set_ack_error(-22);
   const vane_dispatch_config cfg{};

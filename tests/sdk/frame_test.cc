@@ -1,5 +1,9 @@
-// The pure pieces: the drop-count parser and the datagram walk.
+// The pure pieces: the drop-count parser (and its reading of the real file)
+// and the datagram walk.
 #include <gtest/gtest.h>
+#include <linux/netlink.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <vector>
 
@@ -27,6 +31,17 @@ TEST(ProcNetlinkTest, FindsTheDropsOfTheSocketByInode) {
   EXPECT_FALSE(ParseNetlinkDrops("Inode Foo\n77 x 9\n", 77));
   EXPECT_FALSE(ParseNetlinkDrops("Inode Drops\n77\n", 77));  // short row
   EXPECT_FALSE(ParseNetlinkDrops("Inode Drops\n77 -1\n", 77));
+}
+
+TEST(ProcNetlinkTest, FindsAnOpenSocketInTheRealFile) {
+  // Any protocol will do: the row is found by the socket's inode.
+  const int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
+  ASSERT_GE(fd, 0);
+  sockaddr_nl a{};
+  a.nl_family = AF_NETLINK;
+  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+  EXPECT_EQ(NetlinkDrops(fd), 0u);
+  close(fd);
 }
 
 TEST(WalkDatagramTest, VisitsEachMessageAndFlagsWhatCannotBeFramed) {
