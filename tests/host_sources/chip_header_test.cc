@@ -1,0 +1,254 @@
+// The chip-header stage of the sample configuration against the real
+// dispatcher: the module configured as tools/sample/wlc.yaml describes it,
+// Ethernet frames of each kind of the sample network wrapped by the stage
+// and handed to netlink_send_msg, and the worker each one reaches.
+#include <gtest/gtest.h>
+#include <yaml-cpp/yaml.h>
+
+#include <map>
+#include <memory>
+#include <set>
+#include <vector>
+
+#include "drv_vane/config.h"
+#include "drv_vane/netlink.h"
+#include "drv_vane/steering.h"
+#include "drv_vane/timng.h"
+#include "drv_vane/wlan_lb.h"
+#include "host/sources/chip_header.h"
+#include "support/frames.h"
+#include "support/module_env.h"
+#include "support/packet_builder.h"
+#include "support/wlan_msgs.h"
+
+namespace vane::test {
+namespace {
+
+using host::ChipHeaderStage;
+
+constexpr uint32_t kEth = 21;
+// The packet-type stamp: HiGig2 byte 2, the header starting the packet.
+constexpr size_t kStamp = 12 + 2;
+const MacAddress kApMac = Mac("00:1a:1e:00:00:0b");
+const MacAddress kWlcMac = Mac("00:16:3e:00:00:01");
+
+BYPASS_PKT_OFFSET_S SampleDispatch() {
+  BYPASS_PKT_OFFSET_S c{};
+  c.ulHgHdrOffset = 0;
+  c.ulMacOffset = 24;
+  c.ulCauseIdOffset = 0;
+  c.ulFirstFragFlagOffset = 14;
+  c.ulVpInnerOffset = 16;
+  c.ulVpFragInnerOffset = 16;
+  c.ulIpcEthType = 0x0640;
+  c.ulVpEthType = 0x8899;
+  c.ulEcmVcpuEthType = 0x06A4;
+  c.ulMultiCoreEthNumMin = 20;
+  c.ulMultiCoreEthNumMax = 29;
+  c.ulEcmEthNum = 3;
+  c.ulVpEthNumMin = 40;
+  c.ulVpEthNumMax = 49;
+  c.ulIsSupportMulticore = 1;
+  return c;
+}
+
+Bytes Udp(const char* src, const char* dst, uint16_t sport, uint16_t dport, const Bytes& payload,
+          const MacAddress& smac = kApMac) {
+  return PacketBuilder()
+      .ethernet(kWlcMac, smac)
+      .ipv4({.src = Ipv4Addr(src), .dst = Ipv4Addr(dst)})
+      .udp(sport, dport)
+      .payload(payload)
+      .build();
+}
+
+// A keep-alive carrying `session` (16 bytes) in its session-ID element.
+Bytes KeepAlive(const Bytes& session) {
+  Bytes p = KeepAlivePayload();
+  std::copy(session.begin(), session.end(), p.end() - 16);
+  return p;
+}
+
+class SampleChipHeaderTest : public ModuleTest {
+ protected:
+  void SetUp() override {
+    ModuleTest::SetUp();
+    const YAML::Node cfg = YAML::LoadFile(VANE_SAMPLE_CONFIG);
+    std::string err;
+    stage_ = ChipHeaderStage::FromYaml(cfg["vaned"]["chip_header"], &err);
+    ASSERT_NE(stage_, nullptr) << err;
+
+    ctl_ = std::make_unique<Worker>(7000);
+    ASSERT_EQ(ctl_->Register(kNormal, 0), 0);
+    ASSERT_EQ(ctl_->Register(kFast, 0, kFast), 0);
+    for (uint32_t v = 1; v <= 7; ++v) {
+      workers_[v] = std::make_unique<Worker>(7000 + v);
+      ASSERT_EQ(workers_[v]->Register(kNormal, v), 0);
+    }
+    ASSERT_EQ(ctl_->Configure(SampleDispatch()), 0);
+    ApplySampleTables();
+  }
+  void TearDown() override {
+    workers_.clear();
+    ctl_.reset();
+    ModuleTest::TearDown();
+  }
+
+  // The steering, TIMNG and WLAN sections of the sample, as control messages.
+  void ApplySampleTables() {
+    BYPASS_LB_TABLE_S ivo{};
+    ivo.ulEnable = 1;
+    ivo.ulVcpuId = 7;
+    ivo.ulCauseIdNum = 1;
+    ivo.ausCauseId[0] = 200;
+    ivo.usCauseIdMin = 210;
+    ivo.usCauseIdMax = 219;
+    ASSERT_EQ(ctl_->Control(NETLINK_MID_IVO_LB, RecordBytes(ivo)), 0);
+    ASSERT_EQ(ctl_->Control(NETLINK_MID_TIMNG_MASTER, RecordBytes(TIMNG_KERNEL_MSG_S{0, 0, 1, 0})),
+              0);
+    ASSERT_EQ(ctl_->Control(NETLINK_MID_TIMNG, RecordBytes(TIMNG_KERNEL_MSG_S{300, 6, 1, 0})), 0);
+
+    Lb(CauseIdMsg({{100, 1, LB_CAPWAP},
+                   {101, 2, LB_CAPWAP},
+                   {102, 3, LB_CAPWAP_KA},
+                   {103, 4, LB_AAA_PORT},
+                   {104, 5, LB_AAA_PORT},
+                   {105, 6, LB_AAA_PORT},
+                   {106, 7, LB_AAA_MAC}}));
+    Lb(BoardTypeMsg(WLAN_LB_BOARD_TYPE_LB));
+    Lb(NacMsg(WLAN_LB_BOARD_TYPE_LB, {3, 4}));
+    Lb(PortalMsg(2000, 5));
+    Lb(SocketPortMsg(1812, false, 0, 3));
+    Lb(SocketPortMsg(1813, false, 0, 4));
+    for (uint32_t ap = 11; ap <= 14; ++ap) {
+      const uint32_t ip = Ipv4Addr("10.1.0.0") + ap;
+      const uint32_t vcpu = ap % 2 == 1 ? 1 : 2;
+      Lb(CapwapMsg({ip, Ipv4Addr("10.0.0.1"), 12222, 5246, 0, vcpu}));
+      Lb(CapwapMsg({ip, Ipv4Addr("10.0.0.1"), 12223, 5247, 0, vcpu}));
+      const uint32_t session[4] = {0x0a010000 + ap, 0, 0, ap - 10};
+      Lb(CapwapKaMsg(session, vcpu));
+    }
+  }
+  void Lb(const Bytes& msg) { ASSERT_EQ(ctl_->Control(NETLINK_MID_WLAN_LB, msg), 0); }
+
+  // Wraps the frame, sends it, and returns who got it: vCPU numbers, 0 for
+  // the normal channel's default receiver, 100 for the fast channel's.
+  std::vector<uint32_t> Send(const Bytes& frame) {
+    Bytes buf(host::kMaxDeliveryLen);
+    uint32_t type = 0;
+    const uint32_t n = stage_->Build(frame.data(), static_cast<uint32_t>(frame.size()), kEth,
+                                     buf.data(), static_cast<uint32_t>(buf.size()), &type);
+    EXPECT_GT(n, 0u);
+    EXPECT_GT(netlink_send_msg(type, buf.data(), n), 0);
+    std::vector<uint32_t> got;
+    auto drain = [&](Worker& w, int channel, uint32_t who) {
+      while (w.Pending(channel) != 0) {
+        last_ = w.Next(channel)->data;
+        got.push_back(who);
+      }
+    };
+    drain(*ctl_, kNormal, 0);
+    drain(*ctl_, kFast, 100);
+    for (auto& [v, w] : workers_) drain(*w, kNormal, v);
+    return got;
+  }
+  using V = std::vector<uint32_t>;
+
+  std::unique_ptr<ChipHeaderStage> stage_;
+  std::unique_ptr<Worker> ctl_;
+  std::map<uint32_t, std::unique_ptr<Worker>> workers_;
+  Bytes last_;
+};
+
+TEST_F(SampleChipHeaderTest, CapwapGoesByAccessPointInBothTunnels) {
+  EXPECT_EQ(Send(Udp("10.1.0.12", "10.0.0.1", 12222, 5246, Bytes(40, 0))), V{2});
+  EXPECT_EQ(last_[kStamp], 1);  // control
+  EXPECT_EQ(Send(Udp("10.1.0.13", "10.0.0.1", 12223, 5247, Bytes(60, 0))), V{1});
+  EXPECT_EQ(last_[kStamp], 2);  // data
+}
+
+TEST_F(SampleChipHeaderTest, FragmentsOfACapwapDatagramFollowTheFirst) {
+  auto fragment = [](bool mf, uint16_t off) {
+    PacketBuilder b;
+    b.ethernet(kWlcMac, kApMac)
+        .ipv4({.src = Ipv4Addr("10.1.0.14"),
+               .dst = Ipv4Addr("10.0.0.1"),
+               .protocol = 17,
+               .id = 0x4242,
+               .mf = mf,
+               .frag_offset = off});
+    if (off == 0) b.udp(12223, 5247);
+    return b.payload(off == 0 ? 1472 : 1480).build();
+  };
+  EXPECT_EQ(Send(fragment(true, 0)), V{2});
+  EXPECT_EQ(Send(fragment(true, 185)), V{2});
+  EXPECT_EQ(Send(fragment(false, 370)), V{2});
+}
+
+TEST_F(SampleChipHeaderTest, KeepAlivesGoBySessionNotByTunnel) {
+  // From AP .11 (whose tunnels are on vCPU 1), carrying AP .12's session.
+  const Bytes session = {0x0a, 0x01, 0x00, 0x0c, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x02};
+  EXPECT_EQ(Send(Udp("10.1.0.11", "10.0.0.1", 12223, 5247, KeepAlive(session))), V{2});
+  EXPECT_EQ(last_[kStamp], 3);
+}
+
+TEST_F(SampleChipHeaderTest, AaaTrafficReachesItsWorkers) {
+  EXPECT_EQ(Send(Udp("10.0.0.1", "10.0.0.2", 40000, 1812, Bytes(40, 1))), V{3});
+  EXPECT_EQ(last_[kStamp], 4);
+  EXPECT_EQ(Send(Udp("10.0.0.1", "10.0.0.2", 40001, 1813, Bytes(40, 1))), V{4});
+  // CoA goes to every NAC worker.
+  EXPECT_EQ(Send(Udp("10.0.0.2", "10.0.0.1", 50000, 3799, Bytes(40, 1))), (V{3, 4}));
+  EXPECT_EQ(last_[kStamp], 5);
+  EXPECT_EQ(Send(Udp("10.0.0.3", "10.0.0.1", 40002, 2000, Bytes(40, 1))), V{5});
+  EXPECT_EQ(last_[kStamp], 6);
+}
+
+TEST_F(SampleChipHeaderTest, DhcpIsSpreadByClientMacAndStaysPut) {
+  std::set<uint32_t> seen;
+  for (uint8_t c = 1; c <= 16; ++c) {
+    const MacAddress client = {0x02, 0x00, 0x00, 0x00, 0x00, c};
+    const Bytes discover = Udp("0.0.0.0", "255.255.255.255", 68, 67, Bytes(240, 0), client);
+    const V first = Send(discover);
+    ASSERT_EQ(first.size(), 1u);
+    EXPECT_TRUE(first[0] == 3 || first[0] == 4) << first[0];
+    EXPECT_EQ(last_[kStamp], 7);
+    EXPECT_EQ(Send(discover), first);
+    seen.insert(first[0]);
+  }
+  EXPECT_EQ(seen, (std::set<uint32_t>{3, 4}));
+}
+
+TEST_F(SampleChipHeaderTest, SteeredTimingInternalAndIcmpTraffic) {
+  const Bytes arp = PacketBuilder()
+                        .ethernet(Mac("ff:ff:ff:ff:ff:ff"), kApMac)
+                        .ether_type(0x0806)
+                        .payload(28, 1)
+                        .build();
+  EXPECT_EQ(Send(arp), V{7});
+  EXPECT_EQ(Send(Udp("10.0.0.9", "10.0.0.1", 319, 319, Bytes(44, 0))), V{6});
+
+  // An ECM frame on the ECM interface, without chip bytes: its vCPU byte.
+  const Bytes ecm = PacketBuilder()
+                        .ethernet(Mac("0a:0b:0b:00:00:01"), Mac("00:00:00:00:00:02"))
+                        .vlan(1)
+                        .ether_type(0x06A4)
+                        .bytes({0x0A, 0x0B, 0x0C, 5})
+                        .payload(30)
+                        .build();
+  EXPECT_EQ(Send(ecm), V{5});
+  EXPECT_EQ(Counters()[128 + 5], 1u);
+
+  const Bytes ping = PacketBuilder()
+                         .ethernet(kWlcMac, kApMac)
+                         .ipv4({.src = Ipv4Addr("10.1.0.11"), .dst = Ipv4Addr("10.0.0.1")})
+                         .icmp(8, 0, 0x00010001)
+                         .payload(32)
+                         .build();
+  // Echo comes in bare, the Ethernet header first, which is where the
+  // delivery looks for what it sends down the fast channel.
+  EXPECT_EQ(Send(ping), V{100});
+  EXPECT_EQ(last_.size(), 12 + ping.size());
+}
+
+}  // namespace
+}  // namespace vane::test
