@@ -202,7 +202,8 @@ std::unique_ptr<Source> MakeSourceFromSpec(const std::string& cli_spec, const So
       if (!NumberOr(val, where + ": rate", UINT32_MAX, &v, err)) return nullptr;
       s.rate = v;
     } else {
-      *err = where + ": unknown option '" + p + "'";
+      *err = where;
+      *err += ": unknown option '" + p + "'";
       return nullptr;
     }
   }

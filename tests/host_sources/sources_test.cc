@@ -10,8 +10,9 @@
 #include <yaml-cpp/yaml.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -67,7 +68,7 @@ class TempDir {
     char tmpl[] = "/tmp/vane-sources-XXXXXX";
     path_ = mkdtemp(tmpl);
   }
-  ~TempDir() { std::system(("rm -rf '" + path_ + "'").c_str()); }
+  ~TempDir() { std::filesystem::remove_all(path_); }
   std::string operator/(const std::string& name) const { return path_ + "/" + name; }
   const std::string& path() const { return path_; }
 
@@ -266,7 +267,7 @@ TEST_F(InjectSourceTest, StaleSocketsAreReplacedLiveOnesAndOtherFilesRefused) {
   close(s);
   EXPECT_NE(FromSpec("inject:" + stale, ctx), nullptr);
 
-  ASSERT_EQ(std::system(("touch '" + (dir_ / "plain") + "'").c_str()), 0);
+  std::ofstream(dir_ / "plain") << "not a socket";
   EXPECT_EQ(MakeSourceFromSpec("inject:" + (dir_ / "plain"), ctx, &err), nullptr);
   EXPECT_NE(err.find("not a socket"), std::string::npos) << err;
 }
