@@ -52,6 +52,7 @@ int RunQuiet(std::vector<std::string> argv) {
   posix_spawn_file_actions_init(&fa);
   posix_spawn_file_actions_addopen(&fa, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
   std::vector<char*> args;
+  args.reserve(argv.size() + 1);
   for (std::string& a : argv) args.push_back(a.data());
   args.push_back(nullptr);
   pid_t pid = 0;
