@@ -13,11 +13,11 @@ namespace vane::host {
 
 class StopSignal {
  public:
+  // Notifies under the lock: the sleeper cannot return (and its owner
+  // destroy this) before the notification is done with the condition.
   void Raise() {
-    {
-      std::lock_guard<std::mutex> lock(mu_);
-      stopped_.store(true, std::memory_order_release);
-    }
+    std::lock_guard<std::mutex> lock(mu_);
+    stopped_.store(true, std::memory_order_release);
     cv_.notify_all();
   }
   bool Raised() const { return stopped_.load(std::memory_order_acquire); }

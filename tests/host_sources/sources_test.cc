@@ -181,8 +181,10 @@ TEST_F(PcapSourceTest, StopCutsARecordedGapShort) {
   WritePcap(dir_ / "slow.pcap", {Frame(1), Frame(2)}, DLT_EN10MB, 3600);
   auto src = FromSpec("pcap:" + (dir_ / "slow.pcap") + ",timing=recorded", Context(dir_));
   Recorder out;
-  out.after = [&](size_t) { std::thread([&] { src->Stop(); }).detach(); };
-  ASSERT_EQ(src->Run(out), 0);  // would sleep an hour if Stop were not seen
+  std::thread stopper;
+  out.after = [&](size_t) { stopper = std::thread([&] { src->Stop(); }); };
+  EXPECT_EQ(src->Run(out), 0);  // would sleep an hour if Stop were not seen
+  stopper.join();
   EXPECT_EQ(src->Stats().delivered, 1u);
 }
 
@@ -290,7 +292,8 @@ TEST(IfaceSource, CapturesLoopbackUntilStopped) {
   std::atomic<bool> seen{false};
   Recorder out;
   out.after = [&](size_t) {
-    const Bytes& d = out.Got().back().data;
+    const auto got = out.Got();
+    const Bytes& d = got.back().data;
     if (std::search(d.begin(), d.end(), marker.begin(), marker.end()) != d.end()) seen = true;
   };
   std::thread run([&] { EXPECT_EQ(src->Run(out), 0) << src->Error(); });
