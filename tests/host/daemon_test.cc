@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -406,6 +407,73 @@ TEST(VanedTest, ControlFromAnotherUserIsRefusedWithEperm) {
   ASSERT_FALSE(stats.is_discarded());
   EXPECT_EQ(stats["channels"][0]["refused"], 2);
   EXPECT_TRUE(stats["channels"][0]["clients"].empty());
+}
+
+}  // namespace
+}  // namespace vane::test
+
+namespace vane::test {
+namespace {
+
+// Plays `count` packets once, or (count 0) until stopped.
+class StubSource : public host::Source {
+ public:
+  explicit StubSource(uint32_t count) : count_(count) {}
+  std::string Describe() const override { return "stub"; }
+  int Run(host::PacketOut& out) override {
+    for (uint32_t i = 0; !stop_ && (count_ == 0 || i < count_); ++i) {
+      Bytes pkt = Packet(i);
+      const int rc = out.Deliver(7, pkt.data(), static_cast<uint32_t>(pkt.size()));
+      (rc >= 0 ? delivered_ : refused_).fetch_add(1);
+    }
+    return 0;
+  }
+  void Stop() override { stop_ = true; }
+  host::SourceStats Stats() const override {
+    host::SourceStats s;
+    s.delivered = delivered_;
+    s.refused = refused_;
+    return s;
+  }
+  std::string Error() const override { return {}; }
+
+ private:
+  const uint32_t count_;
+  std::atomic<bool> stop_{false};
+  std::atomic<uint64_t> delivered_{0};
+  std::atomic<uint64_t> refused_{0};
+};
+
+TEST(VanedTest, ExitsWhenEverySourceIsDoneAndStopsSourcesThatLoop) {
+  TempDir dir;
+  host::DaemonOptions opt;
+  opt.run_dir = dir.path() + "/run";
+  opt.stats_path = dir.path() + "/stats.json";
+  opt.handle_signals = false;
+  opt.exit_when_done = true;
+  {
+    host::Daemon d(opt);
+    ASSERT_EQ(d.Start(), 0);
+    d.AddSource(std::make_unique<StubSource>(500));
+    d.AddSource(std::make_unique<StubSource>(20));
+    EXPECT_EQ(d.Run(), 0) << "returns by itself once both have played";
+  }
+  std::ifstream f(opt.stats_path);
+  const auto stats = nlohmann::json::parse(f, nullptr, false);
+  ASSERT_FALSE(stats.is_discarded());
+  ASSERT_EQ(stats["sources"].size(), 2u);
+  EXPECT_EQ(stats["sources"][0]["refused"], 500) << "no worker registered";
+  EXPECT_EQ(stats["sources"][0]["finished"], true);
+  EXPECT_EQ(stats["delivery"]["-77"], 520);
+
+  // A source that never ends is stopped by the shutdown.
+  opt.exit_when_done = false;
+  host::Daemon d(opt);
+  ASSERT_EQ(d.Start(), 0);
+  d.AddSource(std::make_unique<StubSource>(0));
+  std::thread stopper([&] { d.RequestStop(); });
+  EXPECT_EQ(d.Run(), 0);
+  stopper.join();
 }
 
 }  // namespace
