@@ -106,6 +106,7 @@ Channel::Channel(int fd, int protocol, uid_t owner, std::string path)
     : fd_(fd), protocol_(protocol), owner_(owner), path_(std::move(path)), buf_(kRecvBytes) {}
 
 Channel::~Channel() {
+  for (auto& [key, client] : clients_) client->Unbind();
   clients_.clear();
   close(fd_);
   if (!path_.empty()) unlink(path_.c_str());
@@ -180,16 +181,20 @@ Client* Channel::Attach(const std::string& key, const sockaddr_un& from, socklen
     // socket would own it: whoever held it before is forgotten.
     for (auto held = clients_.begin(); held != clients_.end(); ++held) {
       if (held->second->portid() == pid) {
+        held->second->Unbind();
         clients_.erase(held);
         break;
       }
     }
-    if (it != clients_.end()) clients_.erase(it);
+    if (it != clients_.end()) {
+      it->second->Unbind();
+      clients_.erase(it);
+    }
   } else if (clients_.size() >= kMaxClients) {
     ++counters_.overflow;
     return nullptr;
   }
-  auto client = std::make_unique<Client>(fd_, protocol_, from, from_len);
+  auto client = std::make_shared<Client>(fd_, protocol_, from, from_len);
   bool bound = registers && client->Bind(pid, pid);
   // Else (or when the pid's port id is held outside vaned) one of ours.
   for (unsigned tries = 0; !bound && tries < 64; ++tries) {
@@ -233,6 +238,7 @@ void Channel::HandleDatagram(const sockaddr_un& from, socklen_t from_len, const 
 void Channel::Housekeeping() {
   for (auto it = clients_.begin(); it != clients_.end();) {
     if (it->second->gone()) {
+      it->second->Unbind();
       it = clients_.erase(it);
       continue;
     }

@@ -90,7 +90,7 @@ class Channel {
   const std::string path_;
   uint32_t next_auto_ = 1;
   ChannelCounters counters_;
-  std::map<std::string, std::unique_ptr<Client>> clients_;  // by address bytes
+  std::map<std::string, std::shared_ptr<Client>> clients_;  // by address bytes
   std::vector<uint8_t> buf_;
 };
 

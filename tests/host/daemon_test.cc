@@ -478,3 +478,61 @@ TEST(VanedTest, ExitsWhenEverySourceIsDoneAndStopsSourcesThatLoop) {
 
 }  // namespace
 }  // namespace vane::test
+
+namespace vane::test {
+namespace {
+
+TEST(VanedTest, BatchedDeliveriesGoOutAtTheFlushInOrderAndDropsAreStillTold) {
+  InProcessDaemon d;
+  WireClient worker;
+  ASSERT_GT(worker.SendTo(d.sock(26), Control(NETLINK_MID_PID, PidPayload(26, 0))), 0);
+  ASSERT_TRUE(DecodeAck(worker.Receive().value_or(Bytes{})).has_value());
+  {
+    host::SendBatch batch;
+    // Fewer than the smallest datagram backlog of an unconnected socket.
+    for (uint32_t i = 0; i < 8; ++i) ASSERT_GT(Deliver(d, Packet(i)), 0);
+    EXPECT_FALSE(worker.Ready()) << "queued until the batch ends";
+  }
+  for (uint32_t i = 0; i < 8; ++i) {
+    auto got = DecodeDelivered(worker.Receive().value_or(Bytes{}));
+    ASSERT_TRUE(got.has_value());
+    EXPECT_EQ(got->data, Packet(i));
+  }
+
+  // Bursts into a worker that does not read: the drops are found at the
+  // flushes and told before the next packet that gets through.
+  constexpr uint32_t kSent = 320;
+  for (uint32_t b = 0; b < kSent / 32; ++b) {
+    host::SendBatch batch;
+    for (uint32_t i = 0; i < 32; ++i) ASSERT_GT(Deliver(d, Packet(100 + b * 32 + i, 1400)), 0);
+  }
+  uint32_t packets = 0;
+  uint32_t lost = 0;
+  bool final_sent = false;
+  while (true) {
+    if (!worker.Ready() && !final_sent) {
+      ASSERT_GT(Deliver(d, Packet(9999)), 0);
+      final_sent = true;
+    }
+    auto msg = worker.Receive();
+    ASSERT_TRUE(msg.has_value());
+    kport_nlmsghdr hdr{};
+    std::memcpy(&hdr, msg->data(), sizeof(hdr));
+    if (hdr.nlmsg_type == VANE_WIRE_OVERRUN) {
+      vane_wire_overrun o{};
+      std::memcpy(&o, msg->data() + 16, sizeof(o));
+      lost += o.lost;
+      continue;
+    }
+    auto pkt = DecodeDelivered(*msg);
+    ASSERT_TRUE(pkt.has_value());
+    if (pkt->data == Packet(9999)) break;
+    ++packets;
+  }
+  EXPECT_GT(lost, 0u);
+  EXPECT_EQ(packets + lost, kSent);
+  EXPECT_EQ(d.Stop(), 0);
+}
+
+}  // namespace
+}  // namespace vane::test
