@@ -278,7 +278,7 @@ void BM_ControlApplyCapwap(benchmark::State& state) {
   const int client = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   sockaddr_un self{};
   self.sun_family = AF_UNIX;
-  bind(client, reinterpret_cast<sockaddr*>(&self), sizeof(sa_family_t));
+  if (bind(client, reinterpret_cast<sockaddr*>(&self), sizeof(sa_family_t)) != 0) std::abort();
   sockaddr_un to{};
   to.sun_family = AF_UNIX;
   std::strncpy(to.sun_path, (dir + "/nl26.sock").c_str(), sizeof(to.sun_path) - 1);
@@ -301,7 +301,7 @@ void BM_ControlApplyCapwap(benchmark::State& state) {
       if (n < 20 || error != 0) ++failed;
     }
   };
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     apply(adds);
     state.PauseTiming();
     apply(dels);

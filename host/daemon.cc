@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <fstream>
 
 #include "drv_vane/entry.h"
@@ -43,7 +44,12 @@ void Wake(int fd) {
 Daemon::Daemon(DaemonOptions opt) : opt_(std::move(opt)) {}
 
 Daemon::~Daemon() {
-  if (loaded_) Shutdown();
+  // A destructor cannot report: a Run that never came still unloads.
+  try {
+    if (loaded_) Shutdown();
+  } catch (const std::exception& e) {
+    LogLine(kLogErr, e.what());
+  }
   CloseFd(&signal_fd_);
   CloseFd(&wake_fd_);
   CloseFd(&timer_fd_);

@@ -7,11 +7,12 @@
 // chip-header settings; --source options replace its sources. Exit status:
 // 0 after a clean shutdown, 1 when the module's unload left allocations
 // behind, 2 for a bad command line or configuration, 3 when vaned could not
-// start (run directory, sockets, module init).
+// start (run directory, sockets, module init) or failed unexpectedly.
 #include <yaml-cpp/yaml.h>
 
 #include <CLI/CLI.hpp>
 #include <cstdlib>
+#include <exception>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -72,9 +73,7 @@ bool AddSources(vane::host::Daemon& daemon, const YAML::Node& vaned, const std::
 #endif
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int Main(int argc, char** argv) {
   // The module's kernel log goes to stderr with its level prefix, next to
   // vaned's own lines; set before the first printk reads it.
   setenv("KPORT_KLOG_STDERR", "1", 0);
@@ -119,4 +118,15 @@ int main(int argc, char** argv) {
     return 2;
   }
   return daemon.Run();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return Main(argc, argv);
+  } catch (const std::exception& e) {
+    Log(kLogErr, "{}", e.what());
+    return 3;
+  }
 }

@@ -156,6 +156,7 @@ TEST_F(ExternalSocketTest, ConcurrentDeliveriesAllReachTheSink) {
   constexpr int kThreads = 4;
   constexpr int kEach = 2000;
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&] {
       for (int i = 0; i < kEach; ++i) Unicast(24, true);
