@@ -34,6 +34,7 @@
 #include "drv_vane/entry.h"
 #include "drv_vane/netlink.h"
 #include "drv_vane/wlan_lb.h"
+#include "kport/user/external.h"
 #include "packet_out.h"
 #include "support/frames.h"
 #include "support/module_env.h"
@@ -257,6 +258,43 @@ BENCHMARK(BM_VanedDeliverBatched)->Arg(32)->UseRealTime();
 BENCHMARK(BM_PlainSendLoop)->Arg(1)->UseRealTime();
 BENCHMARK(BM_VanedDeliver)->Arg(1)->UseRealTime();
 BENCHMARK(BM_VanedDeliverBatched)->Arg(32)->UseRealTime();
+
+// The module's delivery into external sockets whose sink only counts, on
+// 1 and 2 threads: what the endpoint lookup costs when senders share it.
+std::unique_ptr<kport::user::ExternalSocket> g_sinks[kWorkers];
+std::atomic<uint64_t> g_sunk{0};
+
+void LoadSinks(const benchmark::State&) {
+  vane_entry_init();
+  for (uint32_t i = 0; i < kWorkers; ++i) {
+    g_sinks[i] = kport::user::ExternalSocket::Open(NETLINK_VANE_PROTO, 7001 + i, 7001 + i,
+                                                   [](const uint8_t*, size_t n, bool) {
+                                                     g_sunk.fetch_add(1, std::memory_order_relaxed);
+                                                     return static_cast<int>(n);
+                                                   });
+    const Bytes reg = ControlMessage(NETLINK_MID_PID, PidPayload(NETLINK_VANE_PROTO, i + 1));
+    g_sinks[i]->Send(reg.data(), reg.size());
+  }
+}
+void UnloadSinks(const benchmark::State&) {
+  for (auto& s : g_sinks) s.reset();
+  vane_entry_exit();
+}
+
+void BM_ExternalSocketDeliver(benchmark::State& state) {
+  std::vector<uint8_t> pkt(200, 0x11);
+  const auto vcpu = static_cast<uint8_t>(1 + state.thread_index() % kWorkers);
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(
+        netlink_send_msg_vcpuid(1, pkt.data(), 200, vcpu, &g_supp_netlink_kernel));
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_ExternalSocketDeliver)
+    ->ThreadRange(1, 2)
+    ->UseRealTime()
+    ->Setup(LoadSinks)
+    ->Teardown(UnloadSinks);
 
 // The control path: 10,000 CAPWAP add messages, each acknowledged, then the
 // deletes (untimed) so that every iteration adds to an empty table.
