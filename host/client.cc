@@ -36,13 +36,14 @@ Client::Client(int fd, int protocol, const sockaddr_un& addr, socklen_t addr_len
 Client::~Client() { socket_.reset(); }
 
 bool Client::Bind(uint32_t portid, uint32_t pid) {
+  // Set before the socket is bound: the sink may run (and read them) on
+  // another thread as soon as it is.
+  portid_ = portid;
+  pid_ = pid;
   socket_ = kport::user::ExternalSocket::Open(
       protocol_, portid, pid,
       [this](const uint8_t* data, size_t len, bool) { return Deliver(data, len); });
-  if (socket_ == nullptr) return false;
-  portid_ = portid;
-  pid_ = pid;
-  return true;
+  return socket_ != nullptr;
 }
 
 int Client::Raw(const void* data, size_t len) {
