@@ -202,6 +202,37 @@ def main():
         ops += bytes([0]) + u16(0) + u16(28) + block(frames[2])
         ops += bytes([2]) + u32(2880) + u32(0)
         write('capture', name, ops)
+    write_vaned_socket()
+
+
+def file_req(kind, path, pos=0, count=4096, data=b'', seq=1):
+    """A file request of the daemon's protocol (kind 0x7F01 read, 0x7F02 write)."""
+    path = path.encode()
+    ln = 16 + 16 + len(path) + len(data)
+    return struct.pack('<IHHII', ln, kind, NLM_F_REQUEST, seq, 0) + \
+        struct.pack('<qII', pos, count, len(path)) + path + data
+
+
+def write_vaned_socket():
+    """Datagrams into vaned's channels: registrations from several senders,
+    control messages, file requests, refused senders and deliveries."""
+    reg = control(0, u32(26) + u32(0))
+    reg_vcpu = control(0, u32(26) + u32(3))
+    debug = control(6, bytes([2]))
+    counts = file_req(0x7F01, '/proc/bypassDebug/counts', 0, 1000)
+    attr = '/sys/class/wlan_lb/wlan_lb/wlan_lb'
+    write('vaned_socket', 'register_deliver',
+          bytes([0x80]) + block(reg) + bytes([0x88]) + block(reg_vcpu) + bytes([0x80]) + block(debug))
+    write('vaned_socket', 'files',
+          bytes([0]) + block(counts) + bytes([0]) + block(file_req(0x7F01, '/proc/bypassDebug/counts', 1000, 1000)) +
+          bytes([8]) + block(file_req(0x7F02, attr, 0, 1, b'2')) + bytes([8]) + block(file_req(0x7F01, attr)) +
+          bytes([0]) + block(file_req(0x7F01, '/proc/none')))
+    write('vaned_socket', 'strangers',
+          bytes([4]) + block(reg) + bytes([4]) + block(counts) + bytes([0x20]) + block(reg) +
+          bytes([0x28]) + block(debug) + bytes([0xa0]) + block(reg))
+    write('vaned_socket', 'replace',
+          bytes([0x40]) + u32(77) + block(reg) + bytes([0x48]) + u32(77) + block(reg) +
+          bytes([0xc0]) + u32(77) + block(debug) + bytes([1]) + block(control(5, config())))
 
 
 if __name__ == '__main__':

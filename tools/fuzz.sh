@@ -22,7 +22,7 @@ if [ "${1:-}" = --long ]; then
     only=${2:-}
 fi
 seconds=${FUZZ_SECONDS:-60}
-targets=(control packet files capture)
+targets=(control packet files capture vaned_socket)
 [ -z "$only" ] || targets=("$only")
 
 dpkg-query -W -f='${Status}\n' libclang-rt-14-dev 2>/dev/null | grep -q 'ok installed' || {

@@ -4,6 +4,8 @@
 #include <cstring>
 #include <map>
 #include <mutex>
+#include <shared_mutex>
+#include <thread>
 #include <utility>
 
 #include "internal.h"
@@ -13,10 +15,13 @@
 namespace kport::user {
 namespace {
 
+// Lock order: mu before users_mu. Deliveries take users_mu shared only, so
+// senders on different threads do not serialise on the lookup.
 struct Registry {
   std::mutex mu;
   std::condition_variable input_done;  // a kernel input callback returned
   std::map<int, sock*> kernel;
+  std::shared_mutex users_mu;
   std::map<std::pair<int, uint32_t>, std::shared_ptr<internal::Endpoint>> users;
 };
 
@@ -31,7 +36,7 @@ thread_local const sock* t_in_input = nullptr;
 
 std::shared_ptr<internal::Endpoint> FindUser(int protocol, uint32_t portid) {
   Registry& reg = Reg();
-  std::lock_guard lock(reg.mu);
+  std::shared_lock lock(reg.users_mu);
   auto it = reg.users.find({protocol, portid});
   return it == reg.users.end() ? nullptr : it->second;
 }
@@ -53,22 +58,31 @@ size_t KernelSocketCount() {
 namespace internal {
 
 std::shared_ptr<Endpoint> Bind(int protocol, uint32_t portid, uint32_t pid, size_t limit,
-                               bool require_kernel) {
+                               bool require_kernel, Endpoint::Sink sink) {
+  auto ep = std::make_shared<Endpoint>(protocol, portid, pid, limit);
+  ep->sink = std::move(sink);
   Registry& reg = Reg();
   std::lock_guard lock(reg.mu);
   if (require_kernel && reg.kernel.count(protocol) == 0) return nullptr;
-  auto [it, inserted] = reg.users.try_emplace({protocol, portid});
+  std::unique_lock users_lock(reg.users_mu);
+  auto [it, inserted] = reg.users.try_emplace({protocol, portid}, ep);
   if (!inserted) return nullptr;
-  it->second = std::make_shared<Endpoint>(protocol, portid, pid, limit);
-  return it->second;
+  return ep;
 }
 
 void Unbind(const std::shared_ptr<Endpoint>& ep) {
   {
     Registry& reg = Reg();
-    std::lock_guard lock(reg.mu);
+    std::unique_lock lock(reg.users_mu);
     auto it = reg.users.find({ep->protocol, ep->portid});
     if (it != reg.users.end() && it->second == ep) reg.users.erase(it);
+  }
+  if (ep->sink) {
+    // A delivery that found the endpoint before it was unbound may be inside
+    // the sink now; the sink's owner may go away as soon as we return.
+    ep->sink_closed.store(true);
+    while (ep->sink_calls.load() != 0) std::this_thread::yield();
+    return;
   }
   std::lock_guard lock(ep->mu);
   ep->closed = true;
@@ -113,6 +127,16 @@ int Deliver(int protocol, sk_buff* skb, uint32_t portid, bool nonblock) {
   if (ep == nullptr) {
     kport_kfree_skb(skb);
     return -KPORT_ECONNREFUSED;
+  }
+  if (ep->sink) {
+    // sink_calls before sink_closed, the reverse of Unbind's order, so that
+    // either Unbind waits for this call or this call sees the close.
+    ep->sink_calls.fetch_add(1);
+    int ret = -KPORT_ECONNREFUSED;
+    if (!ep->sink_closed.load()) ret = ep->sink(skb->data, skb->len, nonblock);
+    ep->sink_calls.fetch_sub(1);
+    kport_kfree_skb(skb);
+    return ret;
   }
   const int len = static_cast<int>(skb->len);
   std::vector<uint8_t> bytes(skb->data, skb->data + skb->len);

@@ -3,10 +3,12 @@
 #ifndef KPORT_USER_NETLINK_INTERNAL_H
 #define KPORT_USER_NETLINK_INTERNAL_H
 
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -36,8 +38,11 @@ struct sk_buff {
 
 namespace kport::user::internal {
 
-// The receiving side of a user socket.
+// The receiving side of a user socket: an in-memory queue, or, for an
+// external socket, a sink that takes the bytes away.
 struct Endpoint {
+  using Sink = std::function<int(const uint8_t*, size_t, bool)>;
+
   Endpoint(int proto, uint32_t port, uint32_t process, size_t queue_limit)
       : protocol(proto), portid(port), pid(process), limit(queue_limit) {}
 
@@ -45,6 +50,13 @@ struct Endpoint {
   const uint32_t portid;
   const uint32_t pid;
   const size_t limit;
+
+  // Set before the endpoint is bound, never changed after.
+  Sink sink;
+  // Sink calls under way, and whether the owner has closed it; an external
+  // socket's close waits for the count to fall to zero.
+  std::atomic<int> sink_calls{0};
+  std::atomic<bool> sink_closed{false};
 
   std::mutex mu;
   std::condition_variable space;  // signalled when a message leaves the queue
@@ -55,7 +67,7 @@ struct Endpoint {
 // Binds an endpoint to (protocol, portid); nullptr when that is taken, or
 // when `require_kernel` and the protocol has no kernel socket.
 std::shared_ptr<Endpoint> Bind(int protocol, uint32_t portid, uint32_t pid, size_t limit,
-                               bool require_kernel);
+                               bool require_kernel, Endpoint::Sink sink = nullptr);
 // Unbinds the endpoint and wakes senders blocked on its full queue.
 void Unbind(const std::shared_ptr<Endpoint>& ep);
 
@@ -63,8 +75,8 @@ void Unbind(const std::shared_ptr<Endpoint>& ep);
 // by `from`. The byte count, or -ECONNREFUSED without a kernel socket.
 int SendToKernel(const Endpoint& from, const void* data, size_t len);
 
-// Queues the buffer's bytes on the user socket (protocol, portid) and
-// consumes the buffer; netlink_unicast's results.
+// Queues the buffer's bytes on the user socket (protocol, portid), or hands
+// them to its sink, and consumes the buffer; netlink_unicast's results.
 int Deliver(int protocol, sk_buff* skb, uint32_t portid, bool nonblock);
 
 // A socket buffer of `size` bytes; `injectable` makes it a fault site.
