@@ -2,7 +2,9 @@
 // frames, their lengths, their capture times to the nanosecond and the
 // event comments. tshark is one of the project's dependencies; without it
 // the test is skipped, not passed.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -38,18 +40,36 @@ class TempFile {
   std::string path_;
 };
 
-// stdout of the command; stderr is dropped (tshark warns when run as root).
-std::string Shell(const std::string& cmd, int* status) {
-  FILE* p = popen((cmd + " 2>/dev/null").c_str(), "r");
-  if (p == nullptr) {
-    *status = -1;
-    return "";
+// stdout of a program run without a shell, and its exit status (-1 when it
+// could not run); stderr is dropped (tshark warns when run as root).
+std::string Exec(const std::vector<std::string>& argv, int* status) {
+  int fds[2];
+  *status = -1;
+  if (pipe(fds) != 0) return "";
+  // Built before the fork: the child only calls what is safe after one.
+  std::vector<char*> args;
+  args.reserve(argv.size() + 1);
+  for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+  args.push_back(nullptr);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    dup2(fds[1], STDOUT_FILENO);
+    const int null = open("/dev/null", O_WRONLY);
+    dup2(null, STDERR_FILENO);
+    close(fds[0]);
+    execvp(args[0], args.data());
+    _exit(127);
   }
+  close(fds[1]);
   std::string out;
   std::array<char, 4096> buf{};
-  size_t n = 0;
-  while ((n = std::fread(buf.data(), 1, buf.size(), p)) > 0) out.append(buf.data(), n);
-  *status = pclose(p);
+  ssize_t n = 0;
+  while (pid > 0 && (n = read(fds[0], buf.data(), buf.size())) > 0) {
+    out.append(buf.data(), static_cast<size_t>(n));
+  }
+  close(fds[0]);
+  int ws = 0;
+  if (pid > 0 && waitpid(pid, &ws, 0) == pid && WIFEXITED(ws)) *status = WEXITSTATUS(ws);
   return out;
 }
 
@@ -63,8 +83,8 @@ std::vector<std::string> Split(const std::string& s, char sep) {
 
 TEST(CapturePcapng, TsharkReadsFramesTimesAndEvents) {
   int status = 0;
-  Shell("command -v tshark", &status);
-  if (status != 0) GTEST_SKIP() << "tshark is not installed";
+  Exec({"tshark", "-v"}, &status);
+  if (status != 0) GTEST_SKIP() << "tshark cannot be run";
 
   std::vector<uint8_t> store(VANE_CAPTURE_STORE_SIZE, 0);
   PutCaptureEntry(&store, 0, 0, UdpFrame(100, 1), 1700000000, 5, 9, 250000);
@@ -76,12 +96,19 @@ TEST(CapturePcapng, TsharkReadsFramesTimesAndEvents) {
 
   TempFile tmp;
   std::ofstream(tmp.path(), std::ios::binary) << file;
-  const std::string out =
-      Shell("tshark -n -r " + tmp.path() +
-                " -T fields -E 'separator=|' -E occurrence=a -E aggregator=+"
-                " -e frame.time_epoch -e frame.len -e frame.cap_len -e ip.src -e udp.dstport"
-                " -e frame.comment",
-            &status);
+  const std::string out = Exec({"tshark", "-n",
+                                "-r",     tmp.path(),
+                                "-T",     "fields",
+                                "-E",     "separator=|",
+                                "-E",     "occurrence=a",
+                                "-E",     "aggregator=+",
+                                "-e",     "frame.time_epoch",
+                                "-e",     "frame.len",
+                                "-e",     "frame.cap_len",
+                                "-e",     "ip.src",
+                                "-e",     "udp.dstport",
+                                "-e",     "frame.comment"},
+                               &status);
   ASSERT_EQ(status, 0) << out;
   const auto lines = Split(out, '\n');
   ASSERT_EQ(lines.size(), 2u) << out;
