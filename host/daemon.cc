@@ -67,6 +67,7 @@ int Daemon::Start() {
     sigemptyset(&set);
     sigaddset(&set, SIGTERM);
     sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGUSR1);
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
     signal_fd_ = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
   }
@@ -107,6 +108,8 @@ void Daemon::AddSource(std::unique_ptr<Source> source) {
 }
 
 void Daemon::StartSources() {
+  if (sources_started_) return;
+  sources_started_ = true;
   for (auto& r : sources_) {
     Log(kLogInfo, "source: {}", r->source->Describe());
     Running* run = r.get();
@@ -146,7 +149,11 @@ int Daemon::Run() {
   tick.it_value = tick.it_interval;
   timerfd_settime(timer_fd_, 0, &tick, nullptr);
 
-  StartSources();
+  if (opt_.paused) {
+    Log(kLogNotice, "sources held until SIGUSR1");
+  } else {
+    StartSources();
+  }
   while (!stop_.load()) {
     epoll_event events[8];
     const int n = epoll_wait(ep, events, 8, -1);
@@ -160,7 +167,10 @@ int Daemon::Run() {
         (void)ignored;
       } else if (fd == signal_fd_) {
         signalfd_siginfo si{};
-        if (read(signal_fd_, &si, sizeof(si)) == sizeof(si)) {
+        if (read(signal_fd_, &si, sizeof(si)) != sizeof(si)) continue;
+        if (si.ssi_signo == SIGUSR1) {
+          StartSources();
+        } else {
           Log(kLogNotice, "signal {}: shutting down", si.ssi_signo);
           stop_.store(true);
         }
@@ -170,7 +180,7 @@ int Daemon::Run() {
         }
       }
     }
-    if (opt_.exit_when_done && !sources_.empty()) {
+    if (opt_.exit_when_done && sources_started_ && !sources_.empty()) {
       bool all = true;
       for (auto& r : sources_) all = all && r->done.load();
       if (all) {

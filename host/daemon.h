@@ -28,6 +28,9 @@ struct DaemonOptions {
   std::string run_dir;
   std::string stats_path;       // empty: no stats file
   bool exit_when_done = false;  // stop once every source has returned
+  // Hold the sources until SIGUSR1 (or StartHeldSources), so that workers
+  // can register and the tables be applied before the first packet.
+  bool paused = false;
   // Take SIGTERM and SIGINT through a signalfd (blocks them in the calling
   // thread, so Start must run before any other thread exists). Off for a
   // daemon embedded in a test.
@@ -67,6 +70,7 @@ class Daemon {
   };
 
   void StartSources();
+  bool sources_started_ = false;
   void Tick();
   void WriteStats(const nlohmann::json& snapshot) const;
   int Shutdown();

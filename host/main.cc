@@ -1,7 +1,7 @@
 // vaned: the module core as a host service.
 //
 //   vaned [--run-dir DIR] [--config FILE.yaml] [--source SPEC]... [--stats FILE]
-//         [--exit-when-done] [--foreground]
+//         [--exit-when-done] [--paused] [--foreground]
 //
 // The configuration file's `vaned:` section gives the packet sources and the
 // chip-header settings; --source options replace its sources. Exit status:
@@ -90,6 +90,8 @@ int Main(int argc, char** argv) {
   app.add_option("--stats", opt.stats_path, "JSON counters file, rewritten every second");
   app.add_flag("--exit-when-done", opt.exit_when_done,
                "shut down once every source that plays once has finished");
+  app.add_flag("--paused", opt.paused,
+               "hold the sources until SIGUSR1 (workers register, tables are applied first)");
   // vaned never detaches: service managers and shells do that better.
   app.add_flag("--foreground", foreground, "stay in the foreground (always the case)");
   try {

@@ -8,7 +8,8 @@
 #   bash tools/run.sh --config FILE        your configuration (tools/vanectl/CONFIG.md)
 #   bash tools/run.sh --pcap FILE          your capture (Ethernet, pcap or pcapng)
 #   bash tools/run.sh --iface NAME --seconds N   live traffic of an interface
-#   bash tools/run.sh --timing recorded|fast|rate --rate PPS --loop N
+#   bash tools/run.sh --timing recorded|fast --rate PPS   how the capture is paced
+#   bash tools/run.sh --loop --seconds N   replay the capture over and over for N seconds
 #   bash tools/run.sh --short              a quick run for the test suite
 #   bash tools/run.sh --no-setup --build-dir DIR   use what is already built
 #
@@ -25,13 +26,13 @@ iface=""
 seconds=10
 timing=fast
 rate=""
-loops=1
+loop=0
 short=0
 setup=1
 build=$repo/build/default
 out=$repo/build/sample
 
-usage() { sed -n '2,19p' "$0" | sed 's/^# \{0,1\}//'; }
+usage() { sed -n '2,18p' "$0" | sed 's/^# \{0,1\}//'; }
 while [ $# -gt 0 ]; do
     case $1 in
     --config) config=$(realpath "$2"); shift ;;
@@ -40,7 +41,7 @@ while [ $# -gt 0 ]; do
     --seconds) seconds=$2; shift ;;
     --timing) timing=$2; shift ;;
     --rate) rate=$2; timing=rate; shift ;;
-    --loop) loops=$2; shift ;;
+    --loop) loop=1 ;;
     --short) short=1 ;;
     --no-setup) setup=0 ;;
     --build-dir) build=$(realpath "$2"); shift ;;
@@ -51,6 +52,9 @@ while [ $# -gt 0 ]; do
     shift
 done
 
+# The system's python3: it has scapy and yaml (python3-scapy, python3-yaml),
+# whatever other python3 comes first in PATH.
+py=/usr/bin/python3
 say() { printf '\033[1m== %s\033[0m\n' "$*"; }
 
 if [ $setup = 1 ]; then
@@ -78,12 +82,13 @@ if [ -z "$pcap" ] && [ -z "$iface" ]; then
     count=4000
     [ $short = 1 ] && count=600
     say "generating the sample capture ($count packets)"
-    python3 tools/sample/make_capture.py --count $count --out "$pcap"
+    "$py" tools/sample/make_capture.py --count $count --out "$pcap"
 fi
 if [ -n "$iface" ]; then
     source="iface:$iface,eth=21"
 else
     source="pcap:$pcap,eth=21,timing=$timing${rate:+,rate=$rate}"
+    [ $loop = 0 ] || source="$source,loop"
 fi
 
 pids=()
@@ -129,12 +134,15 @@ done
 say "replaying ($source)"
 t0=$(date +%s.%N)
 kill -USR1 "$vaned_pid"
-deadline=$(($(date +%s) + (${iface:+$seconds}${iface:-600})))
+deadline=$(($(date +%s) + seconds))
 while kill -0 "$vaned_pid" 2>/dev/null; do
-    python3 tools/sample/report.py --progress "$out" 2>/dev/null || true
-    if [ -n "$iface" ] && [ "$(date +%s)" -ge "$deadline" ]; then kill -TERM "$vaned_pid"; fi
-    if python3 tools/sample/report.py --done "$out" "$loops" 2>/dev/null; then break; fi
     sleep 0.5
+    "$py" tools/sample/report.py --progress "$out" 2>/dev/null || true
+    if [ -n "$iface" ] || [ $loop = 1 ]; then
+        [ "$(date +%s)" -lt "$deadline" ] || break
+    elif "$py" tools/sample/report.py --done "$out" 2>/dev/null; then
+        break
+    fi
 done
 t1=$(date +%s.%N)
 echo
@@ -142,13 +150,12 @@ echo
 say "collecting"
 "$vanectl" --json show counters >"$out/counters.json"
 "$vanectl" --json show steering >"$out/steering.json"
-"$vanectl" --json show wlan stats >"$out/wlan.json"
-"$vanectl" --json show frag ipv4 >"$out/frag.json"
 kill -TERM "$vaned_pid" 2>/dev/null || true
 wait "$vaned_pid" || { echo "run.sh: vaned failed; see $out/vaned.log" >&2; exit 1; }
 for p in "${worker_pids[@]}"; do kill -TERM "$p" 2>/dev/null || true; done
 for p in "${worker_pids[@]}"; do wait "$p" || true; done
 pids=()
 
-python3 tools/sample/report.py --final "$out" --elapsed "$(awk -v a="$t0" -v b="$t1" 'BEGIN { print b - a }')" \
-    | tee "$out/report.txt"
+"$py" tools/sample/report.py --final "$out" --config "$config" \
+    --elapsed "$(awk -v a="$t0" -v b="$t1" 'BEGIN { print b - a }')" \
+    --workers capwap=1,2 aaa=3,4 portal=5,6 default=7,default,fast | tee "$out/report.txt"

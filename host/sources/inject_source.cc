@@ -11,6 +11,7 @@
 #include <cstring>
 #include <vector>
 
+#include "host/client.h"
 #include "vane/inject.h"
 
 namespace vane::host {
@@ -134,6 +135,8 @@ int InjectSource::Run(PacketOut& out) {
       result = -errno;
       break;
     }
+    // One receive batch leaves as one sendmmsg per worker.
+    SendBatch batch;
     for (int i = 0; i < n; ++i) {
       stats_.Read();
       const size_t got = msgs[i].msg_len;

@@ -4,9 +4,14 @@
 
 #include <cerrno>
 #include <chrono>
+#include <optional>
+
+#include "host/client.h"
 
 namespace vane::host {
 namespace {
+
+constexpr unsigned kBurst = 32;
 
 struct PcapCloser {
   void operator()(pcap_t* p) const { pcap_close(p); }
@@ -99,6 +104,10 @@ int PcapFileSource::Pass(PacketOut& out, Clock::time_point run_start, uint64_t* 
 
   pcap_pkthdr* h = nullptr;
   const u_char* data = nullptr;
+  // The messages of a burst go out together (one sendmmsg per worker); a
+  // burst ends after kBurst packets and before any wait for the schedule.
+  std::optional<SendBatch> batch;
+  unsigned in_batch = 0;
   for (;;) {
     if (stop_.Raised()) return 0;
     const int rc = pcap_next_ex(p.get(), &h, &data);
@@ -114,9 +123,18 @@ int PcapFileSource::Pass(PacketOut& out, Clock::time_point run_start, uint64_t* 
       const uint64_t part = (*sent % opt_.rate_pps) * 1000000000ULL / opt_.rate_pps;
       due = run_start + std::chrono::seconds(whole) + std::chrono::nanoseconds(part);
     }
-    if (opt_.timing != Timing::kFast && due > Clock::now() && stop_.SleepUntil(due)) return 0;
+    if (opt_.timing != Timing::kFast && due > Clock::now()) {
+      batch.reset();
+      in_batch = 0;
+      if (stop_.SleepUntil(due)) return 0;
+    }
+    if (!batch) batch.emplace();
     feed_.Feed(data, h->caplen, out);
     ++*sent;
+    if (++in_batch == kBurst) {
+      batch.reset();
+      in_batch = 0;
+    }
   }
 }
 

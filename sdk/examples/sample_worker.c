@@ -1,7 +1,7 @@
 /* A sample worker on libvane's C API.
  *
  *   vane_sample_worker --name NAME [--vcpus 1,2] [--default] [--fast]
- *                      [--report FILE] [--idle-exit SECONDS]
+ *                      [--report FILE] [--idle-exit SECONDS] [--ready FILE]
  *
  * Registers for the given vCPU slots (and as default receiver with
  * --default) on the normal channel, and on the fast channel too with --fast.
@@ -10,9 +10,10 @@
  * fragments, the (source, destination, id) keys it saw, so a test can tell
  * that all fragments of a datagram reached one worker. On SIGTERM or SIGINT,
  * or after --idle-exit seconds without packets, it writes a JSON report to
- * --report (or stdout) and exits 0. The buffer layout is that of the sample
- * configuration: HiGig2 header right after the 12-byte delivery prefix,
- * Ethernet header 24 bytes into the packet. */
+ * --report (or stdout) and exits 0. --ready FILE is created once every
+ * registration was acknowledged, so a script knows when to send traffic. The buffer layout is that
+ * of the sample configuration: HiGig2 header right after the 12-byte delivery prefix, Ethernet
+ * header 24 bytes into the packet. */
 #include <errno.h>
 #include <signal.h>
 #include <stdint.h>
@@ -182,12 +183,13 @@ static int parse_vcpus(const char* s, uint8_t* out, size_t* n) {
 static void usage(void) {
   fprintf(stderr,
           "usage: vane_sample_worker --name NAME [--vcpus 1,2] [--default] [--fast]\n"
-          "                          [--report FILE] [--idle-exit SECONDS]\n");
+          "                          [--report FILE] [--idle-exit SECONDS] [--ready FILE]\n");
 }
 
 int main(int argc, char** argv) {
   const char* name = NULL;
   const char* report = NULL;
+  const char* ready = NULL;
   long idle_exit_s = 0;
   uint8_t vcpus[VANE_WORKER_MAX_VCPUS];
   size_t n_vcpus = 0;
@@ -209,6 +211,8 @@ int main(int argc, char** argv) {
       fast = 1;
     } else if (strcmp(a, "--report") == 0 && has_val) {
       report = argv[++i];
+    } else if (strcmp(a, "--ready") == 0 && has_val) {
+      ready = argv[++i];
     } else if (strcmp(a, "--idle-exit") == 0 && has_val) {
       char* end;
       idle_exit_s = strtol(argv[++i], &end, 10);
@@ -249,6 +253,15 @@ int main(int argc, char** argv) {
     fprintf(stderr, "vane_sample_worker %s: cannot open (%s transport): %s\n", name,
             vane_transport_name(vane_resolve_transport(&opts.ep)), strerror(-rc));
     return 1;
+  }
+  if (ready != NULL) {
+    FILE* f = fopen(ready, "w");
+    if (f == NULL || fclose(f) != 0) {
+      fprintf(stderr, "vane_sample_worker %s: cannot create %s: %s\n", name, ready,
+              strerror(errno));
+      vane_worker_close(w);
+      return 1;
+    }
   }
   c.last_packet_ms = now_ms();
   while (!g_stop) {

@@ -42,6 +42,13 @@ class Sock {
   // Sends one datagram. 0 or -errno; a peer that is gone (no module, no
   // daemon, no socket file) is -ECONNREFUSED. Non-blocking when asked.
   int Send(std::span<const uint8_t> dgram, bool nonblock = false) const;
+  // Unix: connects the socket to the daemon's socket now at the path (a
+  // restarted daemon has a new one). A datagram socket connected to its
+  // sender is exempt from the system's short limit of queued datagrams
+  // (net.unix.max_dgram_qlen), which would otherwise drop bursts that its
+  // receive buffer could hold. Nothing to do on netlink; failures are left
+  // to the next send to report.
+  void Attach() const;
   // Receives one datagram into buf, waiting up to timeout_ms (-1 forever).
   // Its length, or -ETIMEDOUT, -EMSGSIZE for a truncated one, or -errno.
   ssize_t Recv(std::span<uint8_t> buf, int timeout_ms) const;

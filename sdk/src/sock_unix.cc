@@ -33,7 +33,13 @@ int Sock::OpenUnix(const std::string& run_dir) {
     return -err;
   }
   fd_ = fd;
+  Attach();
   return 0;
+}
+
+void Sock::Attach() const {
+  if (transport_ != VANE_TRANSPORT_UNIX || fd_ < 0) return;
+  (void)connect(fd_, reinterpret_cast<const sockaddr*>(&peer_), peer_len_);
 }
 
 }  // namespace vane

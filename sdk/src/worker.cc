@@ -80,6 +80,7 @@ int SendRound(vane_worker* w, bool nonblock) {
       len +=
           vane_build_control(dgram + len, sizeof dgram - len, 0, payload, sizeof payload, seq++, 1);
     }
+    s.Attach();
     rc = s.Send(std::span<const uint8_t>(dgram, len), nonblock);
   }
   w->peer_down = rc == -ECONNREFUSED;

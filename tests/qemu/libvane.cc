@@ -89,9 +89,8 @@ int ScRegister() {
   CHECK(rc == 0, "vane_worker_open: %d", rc);
   vane_worker_stats s;
   vane_worker_stats_get(g_worker, &s);
-  CHECK(s.registrations >= 1 && s.registration_failures == 0,
-        "registrations %llu, failures %llu", (unsigned long long)s.registrations,
-        (unsigned long long)s.registration_failures);
+  CHECK(s.registrations >= 1 && s.registration_failures == 0, "registrations %llu, failures %llu",
+        (unsigned long long)s.registrations, (unsigned long long)s.registration_failures);
   CHECK(vane_worker_fd(g_worker, VANE_CHANNEL_NORMAL) >= 0 &&
             vane_worker_fd(g_worker, VANE_CHANNEL_FAST) >= 0,
         "a channel has no socket");
@@ -135,16 +134,15 @@ int ScControlAcks() {
 
   unsigned calls0 = 0, calls1 = 0, len = 0;
   char data[64];
-  CHECK(read_text(DRVSIM_HANDLER, data, sizeof(data)) > 0 &&
-            sscanf(data, "calls=%u", &calls0) == 1,
+  CHECK(read_text(DRVSIM_HANDLER, data, sizeof(data)) > 0 && sscanf(data, "calls=%u", &calls0) == 1,
         "cannot read " DRVSIM_HANDLER);
   const uint8_t payload[3] = {0xAB, 0xCD, 0xEF};
   CHECK((rc = vane_ctl_handler_msg(c, MID_HANDLER, payload, 3)) == 0, "handler_msg: %d", rc);
   CHECK(read_text(DRVSIM_HANDLER, data, sizeof(data)) > 0 &&
             sscanf(data, "calls=%u len=%u", &calls1, &len) == 2,
         "cannot read " DRVSIM_HANDLER);
-  CHECK(calls1 == calls0 + 1 && len == 3 && strstr(data, "abcdef") != nullptr,
-        "handler saw: %s", data);
+  CHECK(calls1 == calls0 + 1 && len == 3 && strstr(data, "abcdef") != nullptr, "handler saw: %s",
+        data);
   return 1;
 }
 
@@ -227,9 +225,12 @@ int ScLoss() {
   unsigned sent = 0, refused = 0;
   for (int i = 0; i < 200; i++) {
     rc = drvsim(0, 1, pkt.data(), (uint32_t)pkt.size());
-    if (rc > 0) sent++;
-    else if (rc == -EAGAIN || rc == -ENOBUFS) refused++;
-    else return failf("drvsim: %d", rc);
+    if (rc > 0)
+      sent++;
+    else if (rc == -EAGAIN || rc == -ENOBUFS)
+      refused++;
+    else
+      return failf("drvsim: %d", rc);
   }
   CHECK(write(go[1], &byte, 1) == 1, "pipe");
   uint64_t got[3] = {0, 0, 0};
@@ -237,8 +238,7 @@ int ScLoss() {
   int status = 0;
   waitpid(child, &status, 0);
   CHECK(refused > 0, "the queue never filled (%u sent)", sent);
-  CHECK(got[0] == sent, "the worker received %llu of %u queued", (unsigned long long)got[0],
-        sent);
+  CHECK(got[0] == sent, "the worker received %llu of %u queued", (unsigned long long)got[0], sent);
   CHECK(got[1] == refused && got[2] >= 1, "lost %llu (events %llu), the module refused %u",
         (unsigned long long)got[1], (unsigned long long)got[2], refused);
   printf("vane-libvane: loss: %u queued, %u refused, counted %llu lost\n", sent, refused,
@@ -267,8 +267,8 @@ int ScDecoders() {
       },
       &text, &full);
   free(img);
-  CHECK(rc == 0 && text.find("NETLINK_MID_OFFSET.") != std::string::npos,
-        "debug text (%d): %s", rc, text.c_str());
+  CHECK(rc == 0 && text.find("NETLINK_MID_OFFSET.") != std::string::npos, "debug text (%d): %s", rc,
+        text.c_str());
 
   // An IPv4 first fragment with a WLAN CAPWAP cause leaves a fragment entry.
   vane_frag4_dump* f4 = static_cast<vane_frag4_dump*>(malloc(sizeof(vane_frag4_dump)));
@@ -312,8 +312,7 @@ int ScDecoders() {
   CHECK(vane_file_write(g_ctl, "/proc/wlan_lb/capwap_ka", ka_key, sizeof(ka_key), nullptr) ==
             (ssize_t)sizeof(ka_key),
         "writing the capwap_ka key");
-  CHECK(vane_file_read_all(g_ctl, "/proc/wlan_lb/capwap_ka", &img, &len) == 0,
-        "reading capwap_ka");
+  CHECK(vane_file_read_all(g_ctl, "/proc/wlan_lb/capwap_ka", &img, &len) == 0, "reading capwap_ka");
   vane_capwap_ka_view kv;
   rc = vane_decode_capwap_ka(img, len, &kv);
   free(img);
@@ -334,8 +333,7 @@ int ScDecoders() {
   CHECK(view(VANE_WLAN_VIEW_STATS, &s) == 0 && vane_decode_wlan_stats(s.data(), s.size(), &st) == 0,
         "statistics view: %s", s.c_str());
   CHECK(st.messages[0] >= 1 && st.messages[6] >= 1 && st.board_type == 3,
-        "statistics: capwap %u causeid %u board %u", st.messages[0], st.messages[6],
-        st.board_type);
+        "statistics: capwap %u causeid %u board %u", st.messages[0], st.messages[6], st.board_type);
   vane_wlan_nac nac;
   CHECK(view(VANE_WLAN_VIEW_NAC, &s) == 0 && vane_decode_wlan_nac(s.data(), s.size(), &nac) == 0,
         "NAC view: %s", s.c_str());

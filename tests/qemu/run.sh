@@ -111,6 +111,18 @@ case $target in kasan | kcsan) kmod=$kmod-$target ;; esac
 for prog in scenarios stress wlan; do
     $cc -static -O2 -Wall -Wextra -Werror -o "$out/vane_$prog" "$here/$prog.c"
 done
+# libvane and vanectl against the real module: x86_64 guests only, linked
+# dynamically against the host's libraries, which go into the guest too.
+guest_dyn=()
+if [ "$karch" = x86 ]; then
+    hostbuild=${VANE_HOST_BUILD:-$repo/build/default}
+    [ -f "$hostbuild/build.ninja" ] || (cd "$repo" && cmake --preset default >/dev/null)
+    cmake --build "$hostbuild" --target vane vanectl >/dev/null
+    g++ -std=gnu++20 -O2 -Wall -Wextra -Werror -Wno-missing-field-initializers -I "$here" \
+        -I "$repo/sdk/include" -o "$out/vane_libvane" "$here/libvane.cc" \
+        "$hostbuild/sdk/libvane.a" -lmnl
+    guest_dyn=("$out/vane_libvane" "$hostbuild/tools/vanectl/vanectl")
+fi
 build_time=$(secs "$t0")
 
 rootfs=$out/rootfs
@@ -119,6 +131,17 @@ mkdir -p "$rootfs"/{bin,dev,proc,sys,tmp,lib/vane}
 cp "$busybox" "$rootfs/bin/busybox"
 cp "$out/vane_scenarios" "$out/vane_stress" "$out/vane_wlan" "$rootfs/bin/"
 install -m 755 "$here/init.sh" "$rootfs/init"
+for bin in "${guest_dyn[@]}"; do
+    cp "$bin" "$rootfs/bin/"
+    for lib in $(ldd "$bin" | awk '$2 == "=>" && $3 ~ /^\// { print $3 } $1 ~ /^\/.*ld-linux/ { print $1 }'); do
+        mkdir -p "$rootfs$(dirname "$lib")"
+        cp -L "$lib" "$rootfs$lib"
+    done
+done
+if [ "${#guest_dyn[@]}" -gt 0 ]; then
+    mkdir -p "$rootfs/etc/vane"
+    cp "$repo/tools/sample/wlc.yaml" "$rootfs/etc/vane/wlc.yaml"
+fi
 for m in kbndsafe drv_vane vane_drvsim vane_nlhold vane_kport_selftest vane_bugplant; do
     [ "$m" != vane_bugplant ] || [ -n "$bug" ] || continue
     cp "$kmod/$m.ko" "$rootfs/lib/vane/"
