@@ -46,8 +46,10 @@ class Sock {
   // restarted daemon has a new one). A datagram socket connected to its
   // sender is exempt from the system's short limit of queued datagrams
   // (net.unix.max_dgram_qlen), which would otherwise drop bursts that its
-  // receive buffer could hold. Nothing to do on netlink; failures are left
-  // to the next send to report.
+  // receive buffer could hold. Workers attach before each registration
+  // round; control handles do not, since a connected socket would refuse
+  // the replies of a restarted daemon until it attached again. Nothing to do
+  // on netlink; failures are left to the next send to report.
   void Attach() const;
   // Receives one datagram into buf, waiting up to timeout_ms (-1 forever).
   // Its length, or -ETIMEDOUT, -EMSGSIZE for a truncated one, or -errno.

@@ -33,7 +33,6 @@ int Sock::OpenUnix(const std::string& run_dir) {
     return -err;
   }
   fd_ = fd;
-  Attach();
   return 0;
 }
 
