@@ -30,7 +30,7 @@ int Lb(vane_ctl* c, uint32_t set_type, uint32_t head, const std::vector<uint8_t>
   std::vector<uint8_t> p(8 + body.size());
   Put(p, 0, set_type);
   Put(p, 4, head);
-  std::memcpy(p.data() + 8, body.data(), body.size());
+  if (!body.empty()) std::memcpy(p.data() + 8, body.data(), body.size());
   return vane_ctl_send(c, VANE_CHANNEL_NORMAL, kLbMsg, p.data(), static_cast<uint32_t>(p.size()));
 }
 
