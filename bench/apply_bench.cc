@@ -57,6 +57,7 @@ void BM_ApplyFresh(benchmark::State& state) {
   const Config c = Controller(static_cast<uint32_t>(state.range(0)));
   const size_t messages = vanectl::Plan(c).size();
   for (auto _ : state) {
+    (void)_;
     state.PauseTiming();
     if (vane_entry_init() != 0) {
       state.SkipWithError("the core does not load");
@@ -87,6 +88,7 @@ void BM_ApplyAgain(benchmark::State& state) {
     vanectl::test::CoreSink sink(4242);
     if (Apply(c, sink.Endpoint()) != 0) state.SkipWithError("the first apply failed");
     for (auto _ : state) {
+      (void)_;
       if (Apply(c, sink.Endpoint()) != 0 || sink.failures() != 0) {
         state.SkipWithError("a message failed");
         break;
@@ -110,6 +112,7 @@ void BM_ApplyDryRun(benchmark::State& state) {
   size_t bytes = 0;
   ep.dry_run_arg = &bytes;
   for (auto _ : state) {
+    (void)_;
     if (Apply(c, ep) != 0) state.SkipWithError("a message failed");
   }
   benchmark::DoNotOptimize(bytes);

@@ -159,6 +159,23 @@ TEST(ConfigTest, EntriesTheDispatcherWouldMergeOrNeverMatchAreRefused) {
   EXPECT_EQ(c.wlan->capwap[1].src, kAnyAddress);
 }
 
+TEST(ConfigTest, OddShapesAreRefusedWithAPlace) {
+  const std::string cases[] = {
+      "wlan: [1, 2]\n",
+      "- 1\n- 2\n",
+      "dispatch:\n  offsets: 5\n",
+      "wlan:\n  board_type: 3\n  nac: {a: 1}\n",
+      "? [a]\n: 1\n",
+      "wlan:\n  board_type: 3\n  nac: &x [{a: 1}]\n  cause_ids: *x\n",
+      "steering:\n  ivo: {vcpu: [1]}\n",
+      "wlan:\n  capwap:\n    - {src: [1], dst: any, sport: any, dport: 1, vpn: any, vcpu: 1}\n",
+      "a: " + std::string(20000, '['),
+  };
+  for (const std::string& text : cases) {
+    EXPECT_EQ(Error(text).rfind("t.yaml", 0), 0u) << text.substr(0, 80) << ": " << Error(text);
+  }
+}
+
 TEST(ConfigTest, TheDocumentedExampleParses) {
   std::ifstream in(VANECTL_CONFIG_DOC);
   std::ostringstream doc;

@@ -416,12 +416,17 @@ Config ParseConfig(const std::string& text, const std::string& file_name) {
   Config c;
   c.file = file_name;
   if (root.IsNull()) return c;  // an empty file applies nothing
-  // The vaned section belongs to the daemon, which validates it itself.
-  const Map top(r, root, "", {"dispatch", "steering", "timng", "wlan", "vaned"});
-  if (top.Has("dispatch")) c.dispatch = ParseDispatch(r, top.Get("dispatch"));
-  if (top.Has("steering")) c.steering = ParseSteering(r, top.Get("steering"));
-  if (top.Has("timng")) c.timng = ParseTimng(r, top.Get("timng"));
-  if (top.Has("wlan")) c.wlan = ParseWlan(r, top.Get("wlan"));
+  try {
+    // The vaned section belongs to the daemon, which validates it itself.
+    const Map top(r, root, "", {"dispatch", "steering", "timng", "wlan", "vaned"});
+    if (top.Has("dispatch")) c.dispatch = ParseDispatch(r, top.Get("dispatch"));
+    if (top.Has("steering")) c.steering = ParseSteering(r, top.Get("steering"));
+    if (top.Has("timng")) c.timng = ParseTimng(r, top.Get("timng"));
+    if (top.Has("wlan")) c.wlan = ParseWlan(r, top.Get("wlan"));
+  } catch (const YAML::Exception& e) {
+    // A shape the checks above did not foresee still names its place.
+    r.Fail(e.mark, "structure", e.msg);
+  }
   return c;
 }
 

@@ -1,6 +1,8 @@
 // vanectl, the operator's tool: the options every subcommand shares, and the
 // subcommands each file adds (commands.h).
 #include <CLI/CLI.hpp>
+#include <cstdio>
+#include <exception>
 #include <string>
 
 #include "commands.h"
@@ -25,14 +27,14 @@ vane_endpoint Global::Endpoint() const {
   return ep;
 }
 
-}  // namespace vanectl
+namespace {
 
-int main(int argc, char** argv) {
+int Run(int argc, char** argv) {
   CLI::App app{"vanectl: configure and inspect the drv_vane dispatcher (kernel module or vaned)"};
   app.set_version_flag("--version", std::string("vanectl ") + VANECTL_VERSION);
   app.require_subcommand(1);
 
-  vanectl::Global g;
+  Global g;
   app.add_option("--transport", g.transport,
                  "Where the dispatcher is: auto (VANE_TRANSPORT, else vaned if its run "
                  "directory has sockets, else the kernel module), netlink or unix")
@@ -43,11 +45,11 @@ int main(int argc, char** argv) {
   app.add_flag("--json", g.json, "Output for programs: JSON instead of tables and text");
 
   int status = 0;
-  vanectl::AddApply(app, g, status);
-  vanectl::AddShow(app, g, status);
-  vanectl::AddCapture(app, g, status);
-  vanectl::AddTop(app, g, status);
-  vanectl::AddMetrics(app, g, status);
+  AddApply(app, g, status);
+  AddShow(app, g, status);
+  AddCapture(app, g, status);
+  AddTop(app, g, status);
+  AddMetrics(app, g, status);
 
   try {
     app.parse(argc, argv);
@@ -56,4 +58,20 @@ int main(int argc, char** argv) {
     return rc == 0 ? 0 : 2;
   }
   return status;
+}
+
+}  // namespace
+}  // namespace vanectl
+
+int main(int argc, char** argv) {
+  // A subcommand reports its own failures; anything that escapes it (no
+  // memory, a library's surprise) still ends with a message and status 1.
+  try {
+    return vanectl::Run(argc, argv);
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "vanectl: %s\n", e.what());
+  } catch (...) {
+    std::fprintf(stderr, "vanectl: unexpected failure\n");
+  }
+  return 1;
 }

@@ -6,6 +6,9 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <cstdint>
+
 namespace vanectl {
 namespace {
 
@@ -60,7 +63,8 @@ void AddWlanTables(const WlanSection& w, std::vector<Step>& plan) {
         {"nac", 10,
          fmt::format("NAC vCPUs [{}], board type {}, RADIUS CoA 3799 to them", list, board), 0,
          [ids, board](vane_ctl* c) {
-           return vane_ctl_lb_nac(c, board, ids.data(), static_cast<uint16_t>(ids.size()));
+           const auto n = static_cast<uint16_t>(std::min<size_t>(ids.size(), UINT16_MAX));
+           return vane_ctl_lb_nac(c, board, ids.data(), n);
          }});
   }
 }
@@ -94,10 +98,12 @@ void AddSteering(const std::string& name, uint32_t type, const SteeringTable& t,
   m.enable = t.enable ? 1 : 0;
   m.table_type = type;
   m.vcpu = t.vcpu;
+  // The count says how many there are; a table built by hand with more than
+  // the message holds keeps that count, and the library refuses it.
   m.cause_id_count = static_cast<uint32_t>(t.cause_ids.size());
   std::string list;
   for (size_t i = 0; i < t.cause_ids.size(); ++i) {
-    m.cause_ids[i] = t.cause_ids[i];
+    if (i < VANE_STEERING_CAUSEIDS) m.cause_ids[i] = t.cause_ids[i];
     list += fmt::format("{}{}", i == 0 ? "" : " ", t.cause_ids[i]);
   }
   if (t.range) {
