@@ -113,8 +113,12 @@ void Daemon::StartSources() {
   for (auto& r : sources_) {
     Log(kLogInfo, "source: {}", r->source->Describe());
     Running* run = r.get();
+    run->started = std::chrono::steady_clock::now();
     r->thread = std::thread([this, run] {
       run->result = run->source->Run(out_);
+      run->run_ns.store(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                            std::chrono::steady_clock::now() - run->started)
+                            .count());
       if (run->result < 0) {
         Log(kLogErr, "source {} failed: {}", run->source->Describe(), run->source->Error());
       } else {
@@ -206,15 +210,23 @@ nlohmann::json Daemon::Snapshot() const {
   json sources = json::array();
   for (const auto& r : sources_) {
     const SourceStats s = r->source->Stats();
-    sources.push_back({{"source", r->source->Describe()},
-                       {"read", s.read},
-                       {"delivered", s.delivered},
-                       {"refused", s.refused},
-                       {"skipped", s.skipped},
-                       {"bytes", s.bytes},
-                       {"loops", s.loops},
-                       {"finished", r->done.load()},
-                       {"error", r->source->Error()}});
+    sources.push_back(
+        {{"source", r->source->Describe()},
+         {"read", s.read},
+         {"delivered", s.delivered},
+         {"refused", s.refused},
+         {"skipped", s.skipped},
+         {"bytes", s.bytes},
+         {"loops", s.loops},
+         {"finished", r->done.load()},
+         // How long the source has played (all of it, once finished): the
+         // delivery rate's time base.
+         {"run_s",
+          r->done.load() ? static_cast<double>(r->run_ns.load()) * 1e-9
+          : sources_started_
+              ? std::chrono::duration<double>(std::chrono::steady_clock::now() - r->started).count()
+              : 0.0},
+         {"error", r->source->Error()}});
   }
   j["sources"] = sources;
   json results = json::object();

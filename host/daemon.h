@@ -67,6 +67,9 @@ class Daemon {
     std::thread thread;
     std::atomic<bool> done{false};
     int result = 0;
+    // Set before the thread starts; read by the stats once `done`.
+    std::chrono::steady_clock::time_point started;
+    std::atomic<int64_t> run_ns{0};  // the time Run took, once done
   };
 
   void StartSources();

@@ -43,7 +43,8 @@ def progress(out):
     if stats is None:
         return 1
     t = source_totals(stats)
-    rate = t["delivered"] / stats["uptime_s"] if stats.get("uptime_s") else 0
+    run_s = max([x.get("run_s", 0) for x in stats.get("sources", [])] + [0])
+    rate = t["delivered"] / run_s if run_s else 0
     sys.stdout.write("\r  read %8d  delivered %8d  refused %6d  skipped %5d   (%.0f packets/s)   "
                      % (t["read"], t["delivered"], t["refused"], t["skipped"], rate))
     sys.stdout.flush()
@@ -79,12 +80,16 @@ def final(args):
             workers.append(w)
     serves = dict(x.split("=", 1) for x in args.workers)
     tot = source_totals(stats)
-    elapsed = max(args.elapsed, 1e-9)
-    report = {"sources": stats.get("sources", []), "elapsed_s": args.elapsed,
-              "delivery_rate_pps": tot["delivered"] / elapsed}
+    # The sources' own playing time: the run's elapsed time also holds the
+    # start-up, the registrations and the polling of this script.
+    run_s = max([x.get("run_s", 0) for x in stats.get("sources", [])] + [0]) or args.elapsed
+    report = {"sources": stats.get("sources", []), "elapsed_s": args.elapsed, "replay_s": run_s,
+              "delivery_rate_pps": tot["delivered"] / max(run_s, 1e-9)}
     lines = []
-    lines.append("drv_vane sample run: %d packets read, %d delivered in %.2f s (%.0f packets/s)"
-                 % (tot["read"], tot["delivered"], args.elapsed, report["delivery_rate_pps"]))
+    lines.append("drv_vane sample run: %d packets read, %d delivered in %.3f s of replay "
+                 "(%.0f packets/s; %.1f s in all)"
+                 % (tot["read"], tot["delivered"], run_s, report["delivery_rate_pps"],
+                    args.elapsed))
     for s in stats.get("sources", []):
         lines.append("  source %s: read %d, delivered %d, refused %d, skipped %d%s"
                      % (s["source"], s["read"], s["delivered"], s["refused"], s["skipped"],
@@ -175,9 +180,9 @@ def final(args):
     refused = {k: n for k, n in (stats.get("delivery") or {}).items() if int(k) < 0}
     lines.append("")
     lines.append("Lost: %d messages dropped at full worker queues (the workers counted %d), "
-                 "%d packets refused by the dispatcher %s, %d frames skipped by the source"
-                 % (dropped, lost_workers, tot["refused"], json.dumps(refused) if refused else "",
-                    tot["skipped"]))
+                 "%d packets refused by the dispatcher%s, %d frames skipped by the source"
+                 % (dropped, lost_workers, tot["refused"],
+                    (" " + json.dumps(refused)) if refused else "", tot["skipped"]))
     lines.append("Received by the workers: %d messages for %d packets delivered"
                  % (received, tot["delivered"]))
     report["lost"] = {"dropped": dropped, "workers_counted": lost_workers,
