@@ -129,6 +129,75 @@ void Client::DeliverMany(const iovec* msgs, size_t n) {
   }
 }
 
+void Client::DeliverBurst(Client* const* clients, const iovec* msgs, size_t n) {
+  constexpr size_t kChunk = 64;
+  std::vector<uint8_t> skip(n, 0);
+  // Notices first: a worker must learn of a gap before what follows it.
+  for (size_t i = 0; i < n; ++i) {
+    Client* c = clients[i];
+    if (skip[i] != 0 || c->lost_.load(std::memory_order_relaxed) == 0 || c->SendNotice()) continue;
+    for (size_t j = i; j < n; ++j) {
+      if (clients[j] != c) continue;
+      skip[j] = 1;
+      c->lost_.fetch_add(1);
+      c->dropped_.fetch_add(1, std::memory_order_relaxed);
+    }
+  }
+  mmsghdr hdrs[kChunk];
+  size_t index[kChunk];
+  for (size_t start = 0; start < n;) {
+    // One socket per call: the next unsent message names it.
+    while (start < n && skip[start] != 0) ++start;
+    if (start == n) break;
+    const int fd = clients[start]->fd_;
+    size_t count = 0;
+    for (size_t i = start; i < n && count < kChunk; ++i) {
+      if (skip[i] != 0 || clients[i]->fd_ != fd) continue;
+      hdrs[count] = {};
+      hdrs[count].msg_hdr.msg_name = &clients[i]->addr_;
+      hdrs[count].msg_hdr.msg_namelen = clients[i]->addr_len_;
+      hdrs[count].msg_hdr.msg_iov = const_cast<iovec*>(&msgs[i]);
+      hdrs[count].msg_hdr.msg_iovlen = 1;
+      index[count++] = i;
+    }
+    size_t done = 0;
+    while (done < count) {
+      const int sent = sendmmsg(fd, hdrs + done, static_cast<unsigned>(count - done),
+                                MSG_DONTWAIT | MSG_NOSIGNAL);
+      const size_t ok = sent > 0 ? static_cast<size_t>(sent) : 0;
+      for (size_t k = done; k < done + ok; ++k) {
+        clients[index[k]]->sent_.fetch_add(1, std::memory_order_relaxed);
+        skip[index[k]] = 1;
+      }
+      done += ok;
+      if (sent > 0) continue;
+      // The first message left failed: account for it as a single send would.
+      const size_t i = index[done++];
+      Client* c = clients[i];
+      skip[i] = 1;
+      const int rc = SendErrno(errno);
+      if (rc == -ECONNREFUSED) {
+        c->gone_.store(true, std::memory_order_relaxed);
+        // Nothing more of this burst for a client that went away.
+        for (size_t j = i; j < n; ++j) skip[j] |= static_cast<uint8_t>(clients[j] == c);
+      } else if (rc == -EAGAIN) {
+        c->lost_.fetch_add(1);
+        c->dropped_.fetch_add(1, std::memory_order_relaxed);
+      }
+      // The messages queued behind it in this call go again, without it.
+      size_t keep = done;
+      for (size_t k = done; k < count; ++k) {
+        if (skip[index[k]] != 0) continue;
+        hdrs[keep] = hdrs[k];
+        index[keep++] = index[k];
+      }
+      count = keep;
+    }
+    // Every message of this call is now sent or accounted for; the next
+    // call takes the next socket's, or the rest of a long burst.
+  }
+}
+
 int Client::Reply(const void* data, size_t len) { return Raw(data, len); }
 
 void Client::FlushOverrun() {
@@ -164,15 +233,13 @@ void SendBatch::Queue(Client* client, const uint8_t* data, size_t len) {
 }
 
 void SendBatch::Flush() {
-  std::vector<iovec> iov;
-  iov.reserve(items_.size());
-  for (size_t c = 0; c < clients_.size(); ++c) {
-    iov.clear();
-    for (const Item& item : items_) {
-      if (item.client == c) iov.push_back({bytes_.data() + item.off, item.len});
-    }
-    if (!iov.empty()) clients_[c]->DeliverMany(iov.data(), iov.size());
+  iov_.clear();
+  targets_.clear();
+  for (const Item& item : items_) {
+    iov_.push_back({bytes_.data() + item.off, item.len});
+    targets_.push_back(clients_[item.client].get());
   }
+  if (!iov_.empty()) Client::DeliverBurst(targets_.data(), iov_.data(), iov_.size());
   items_.clear();
   bytes_.clear();
   clients_.clear();

@@ -52,6 +52,11 @@ class Client : public std::enable_shared_from_this<Client> {
   // Sends `n` messages with sendmmsg(2), after any pending overrun notice,
   // with Deliver's accounting for each.
   void DeliverMany(const iovec* msgs, size_t n);
+  // The same for a burst that mixes clients: message i goes to clients[i].
+  // The messages that share a socket leave in one sendmmsg(2) call, each
+  // with its client's address; a client whose overrun notice cannot go first
+  // loses its messages of the burst (counted), as DeliverMany would.
+  static void DeliverBurst(Client* const* clients, const iovec* msgs, size_t n);
   // Sends vaned's own answer (a file reply); the same results, not counted.
   int Reply(const void* data, size_t len);
   // Sends the overrun notice if messages were dropped since the last one.
@@ -121,6 +126,8 @@ class SendBatch {
   std::vector<std::shared_ptr<Client>> clients_;
   std::vector<Item> items_;
   std::vector<uint8_t> bytes_;
+  std::vector<iovec> iov_;  // Flush's, kept for their capacity
+  std::vector<Client*> targets_;
 };
 
 }  // namespace vane::host
