@@ -1,6 +1,6 @@
 // vaned: the module core as a host service.
 //
-//   vaned [--run-dir DIR] [--config FILE.yaml] [--source SPEC]... [--stats FILE]
+//   vaned [--run-dir DIR] [--config FILE.yaml] [--source SOURCE]... [--stats FILE]
 //         [--exit-when-done] [--paused] [--foreground]
 //
 // The configuration file's `vaned:` section gives the packet sources and the
@@ -37,18 +37,18 @@ using vane::host::Log;
 // Makes the sources of the command line, or else of the configuration.
 // false (logged) when one cannot be made.
 bool AddSources(vane::host::Daemon& daemon, const YAML::Node& vaned, const std::string& run_dir,
-                const std::string& config_dir, const std::vector<std::string>& specs) {
+                const std::string& config_dir, const std::vector<std::string>& args) {
   const YAML::Node listed = vaned ? vaned["sources"] : YAML::Node();
-  const bool any = !specs.empty() || (listed && listed.IsSequence() && listed.size() != 0);
+  const bool any = !args.empty() || (listed && listed.IsSequence() && listed.size() != 0);
   if (!any) return true;
 #if VANED_HAVE_SOURCES
   vane::host::SourceContext ctx{run_dir, vaned, config_dir};
   std::string err;
-  if (!specs.empty()) {
-    for (const std::string& spec : specs) {
-      auto src = vane::host::MakeSourceFromSpec(spec, ctx, &err);
+  if (!args.empty()) {
+    for (const std::string& arg : args) {
+      auto src = vane::host::MakeSourceFromArg(arg, ctx, &err);
       if (src == nullptr) {
-        Log(kLogErr, "source '{}': {}", spec, err);
+        Log(kLogErr, "source '{}': {}", arg, err);
         return false;
       }
       daemon.AddSource(std::move(src));
@@ -82,11 +82,11 @@ int Main(int argc, char** argv) {
   vane::host::DaemonOptions opt;
   opt.run_dir = VANE_WIRE_RUN_DIR_DEFAULT;
   std::string config;
-  std::vector<std::string> specs;
+  std::vector<std::string> args;
   bool foreground = false;
   app.add_option("--run-dir", opt.run_dir, "directory of the channel sockets");
   app.add_option("--config", config, "configuration file (YAML; its vaned section)");
-  app.add_option("--source", specs, "packet source; replaces the configuration's sources");
+  app.add_option("--source", args, "packet source; replaces the configuration's sources");
   app.add_option("--stats", opt.stats_path, "JSON counters file, rewritten every second");
   app.add_flag("--exit-when-done", opt.exit_when_done,
                "shut down once every source that plays once has finished");
@@ -114,7 +114,7 @@ int Main(int argc, char** argv) {
 
   vane::host::Daemon daemon(opt);
   if (daemon.Start() != 0) return 3;
-  if (!AddSources(daemon, vaned, opt.run_dir, config_dir, specs)) {
+  if (!AddSources(daemon, vaned, opt.run_dir, config_dir, args)) {
     daemon.RequestStop();
     daemon.Run();
     return 2;

@@ -14,8 +14,8 @@
 namespace vane::host {
 namespace {
 
-// What a spec says, whichever syntax it came in.
-struct Spec {
+// What a source argument says, whichever syntax it came in.
+struct Wanted {
   std::string kind;  // pcap, iface, inject
   std::string target;
   std::optional<uint32_t> eth;
@@ -29,7 +29,7 @@ std::string Resolve(const std::string& path, const std::string& base) {
   return base.back() == '/' ? base + path : base + "/" + path;
 }
 
-std::unique_ptr<Source> Build(Spec s, const SourceContext& ctx, const std::string& file_base,
+std::unique_ptr<Source> Build(Wanted s, const SourceContext& ctx, const std::string& file_base,
                               const std::string& sock_base, std::string* err) {
   if (s.kind == "inject") {
     if (s.timing || s.rate || s.loop || s.eth) {
@@ -106,16 +106,16 @@ std::vector<std::string> Split(const std::string& s, char sep) {
 
 }  // namespace
 
-std::unique_ptr<Source> MakeSource(const YAML::Node& spec, const SourceContext& ctx,
+std::unique_ptr<Source> MakeSource(const YAML::Node& entry, const SourceContext& ctx,
                                    std::string* err) {
-  if (!spec.IsMap()) {
+  if (!entry.IsMap()) {
     *err = "source: expected a mapping with pcap, iface or inject";
     return nullptr;
   }
-  Spec s;
+  Wanted s;
   int kinds = 0;
   for (const char* k : {"pcap", "iface", "inject"}) {
-    if (spec[k]) {
+    if (entry[k]) {
       s.kind = k;
       ++kinds;
     }
@@ -126,13 +126,13 @@ std::unique_ptr<Source> MakeSource(const YAML::Node& spec, const SourceContext& 
   }
   const std::set<std::string> known = {"pcap",   "iface",    "inject", "eth_num",
                                        "timing", "rate_pps", "loop"};
-  for (const auto& kv : spec) {
+  for (const auto& kv : entry) {
     if (known.count(kv.first.Scalar()) == 0) {
       *err = "source " + s.kind + ": unknown key '" + kv.first.Scalar() + "'";
       return nullptr;
     }
   }
-  const YAML::Node target = spec[s.kind];
+  const YAML::Node target = entry[s.kind];
   if (target.IsScalar()) {
     s.target = target.Scalar();
   } else if (!target.IsNull() || s.kind != "inject") {
@@ -141,22 +141,22 @@ std::unique_ptr<Source> MakeSource(const YAML::Node& spec, const SourceContext& 
   }
   const std::string where = "source " + s.kind + " " + s.target;
   uint64_t v = 0;
-  if (const YAML::Node n = spec["eth_num"]) {
+  if (const YAML::Node n = entry["eth_num"]) {
     if (!n.IsScalar() || !NumberOr(n.Scalar(), where + ": eth_num", UINT32_MAX, &v, err)) {
       if (!n.IsScalar()) *err = where + ": eth_num must be a number";
       return nullptr;
     }
     s.eth = static_cast<uint32_t>(v);
   }
-  if (const YAML::Node n = spec["timing"]) s.timing = n.IsScalar() ? n.Scalar() : "?";
-  if (const YAML::Node n = spec["rate_pps"]) {
+  if (const YAML::Node n = entry["timing"]) s.timing = n.IsScalar() ? n.Scalar() : "?";
+  if (const YAML::Node n = entry["rate_pps"]) {
     if (!n.IsScalar() || !NumberOr(n.Scalar(), where + ": rate_pps", UINT32_MAX, &v, err)) {
       if (!n.IsScalar()) *err = where + ": rate_pps must be a number";
       return nullptr;
     }
     s.rate = v;
   }
-  if (const YAML::Node n = spec["loop"]) {
+  if (const YAML::Node n = entry["loop"]) {
     const std::string b = n.IsScalar() ? n.Scalar() : "";
     if (b != "true" && b != "false") {
       *err = where + ": loop must be true or false";
@@ -167,10 +167,10 @@ std::unique_ptr<Source> MakeSource(const YAML::Node& spec, const SourceContext& 
   return Build(std::move(s), ctx, ctx.config_dir, ctx.run_dir, err);
 }
 
-std::unique_ptr<Source> MakeSourceFromSpec(const std::string& cli_spec, const SourceContext& ctx,
-                                           std::string* err) {
+std::unique_ptr<Source> MakeSourceFromArg(const std::string& cli_spec, const SourceContext& ctx,
+                                          std::string* err) {
   const size_t colon = cli_spec.find(':');
-  Spec s;
+  Wanted s;
   s.kind = cli_spec.substr(0, colon);
   if (s.kind != "pcap" && s.kind != "iface" && s.kind != "inject") {
     *err = "source '" + cli_spec + "': expected pcap:FILE, iface:NAME or inject[:PATH]";

@@ -1,5 +1,5 @@
 // Makes vaned's packet sources from the configuration file's
-// `vaned.sources` entries or from command-line specs.
+// `vaned.sources` entries or from command-line arguments.
 //
 // Configuration entries (exactly one of pcap, iface, inject):
 //   {pcap: FILE, eth_num: N, timing: fast|recorded|rate, rate_pps: N, loop: B}
@@ -8,7 +8,7 @@
 // A relative pcap FILE resolves against the configuration file's directory,
 // a relative inject PATH against the run directory.
 //
-// Command-line specs (relative paths resolve against the working directory):
+// Command-line arguments (relative paths resolve against the working directory):
 //   pcap:FILE[,eth=N][,timing=fast|recorded|rate][,rate=PPS][,loop]
 //   iface:NAME[,eth=N]
 //   inject[:PATH]
@@ -36,10 +36,10 @@ struct SourceContext {
 };
 
 // nullptr with a message naming the entry's mistake in *err.
-std::unique_ptr<Source> MakeSource(const YAML::Node& spec, const SourceContext& ctx,
+std::unique_ptr<Source> MakeSource(const YAML::Node& entry, const SourceContext& ctx,
                                    std::string* err);
-std::unique_ptr<Source> MakeSourceFromSpec(const std::string& cli_spec, const SourceContext& ctx,
-                                           std::string* err);
+std::unique_ptr<Source> MakeSourceFromArg(const std::string& cli_spec, const SourceContext& ctx,
+                                          std::string* err);
 
 }  // namespace vane::host
 

@@ -1,6 +1,6 @@
 // The packet sources: a capture file played once, looped and at a rate; the
 // injection socket with well-formed and malformed datagrams; and what the
-// factory makes of configuration entries and command-line specs.
+// factory makes of configuration entries and command-line arguments.
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <pcap/pcap.h>
@@ -31,7 +31,7 @@ namespace vane::test {
 namespace {
 
 using host::MakeSource;
-using host::MakeSourceFromSpec;
+using host::MakeSourceFromArg;
 using host::Source;
 using host::SourceContext;
 using host::SourceStats;
@@ -119,10 +119,10 @@ SourceContext Context(const TempDir& dir) {
   return ctx;
 }
 
-std::unique_ptr<Source> FromSpec(const std::string& spec, const SourceContext& ctx) {
+std::unique_ptr<Source> FromArg(const std::string& arg, const SourceContext& ctx) {
   std::string err;
-  auto s = MakeSourceFromSpec(spec, ctx, &err);
-  EXPECT_NE(s, nullptr) << spec << ": " << err;
+  auto s = MakeSourceFromArg(arg, ctx, &err);
+  EXPECT_NE(s, nullptr) << arg << ": " << err;
   return s;
 }
 
@@ -136,7 +136,7 @@ class PcapSourceTest : public ::testing::Test {
 };
 
 TEST_F(PcapSourceTest, OncePlaysEveryFrameThroughTheStageAndSkipsOversizedOnes) {
-  auto src = FromSpec("pcap:" + (dir_ / "small.pcap") + ",eth=23", Context(dir_));
+  auto src = FromArg("pcap:" + (dir_ / "small.pcap") + ",eth=23", Context(dir_));
   Recorder out;
   ASSERT_EQ(src->Run(out), 0);
   const SourceStats st = src->Stats();
@@ -156,7 +156,7 @@ TEST_F(PcapSourceTest, OncePlaysEveryFrameThroughTheStageAndSkipsOversizedOnes) 
 }
 
 TEST_F(PcapSourceTest, LoopedPlaysAgainUntilStopped) {
-  auto src = FromSpec("pcap:" + (dir_ / "small.pcap") + ",loop", Context(dir_));
+  auto src = FromArg("pcap:" + (dir_ / "small.pcap") + ",loop", Context(dir_));
   Recorder out;
   out.after = [&](size_t n) {
     if (n == 10) src->Stop();
@@ -169,7 +169,7 @@ TEST_F(PcapSourceTest, LoopedPlaysAgainUntilStopped) {
 }
 
 TEST_F(PcapSourceTest, RateTimingStillDeliversEveryFrame) {
-  auto src = FromSpec("pcap:" + (dir_ / "small.pcap") + ",rate=2000", Context(dir_));
+  auto src = FromArg("pcap:" + (dir_ / "small.pcap") + ",rate=2000", Context(dir_));
   EXPECT_EQ(src->Describe(), "pcap " + (dir_ / "small.pcap") + " (eth by rules, 2000 pps, once)");
   Recorder out;
   ASSERT_EQ(src->Run(out), 0);
@@ -179,7 +179,7 @@ TEST_F(PcapSourceTest, RateTimingStillDeliversEveryFrame) {
 
 TEST_F(PcapSourceTest, StopCutsARecordedGapShort) {
   WritePcap(dir_ / "slow.pcap", {Frame(1), Frame(2)}, DLT_EN10MB, 3600);
-  auto src = FromSpec("pcap:" + (dir_ / "slow.pcap") + ",timing=recorded", Context(dir_));
+  auto src = FromArg("pcap:" + (dir_ / "slow.pcap") + ",timing=recorded", Context(dir_));
   Recorder out;
   std::thread stopper;
   out.after = [&](size_t) { stopper = std::thread([&] { src->Stop(); }); };
@@ -191,9 +191,9 @@ TEST_F(PcapSourceTest, StopCutsARecordedGapShort) {
 TEST_F(PcapSourceTest, OnlyReadableEthernetCapturesOpen) {
   WritePcap(dir_ / "raw.pcap", {Frame(1)}, DLT_RAW);
   std::string err;
-  EXPECT_EQ(MakeSourceFromSpec("pcap:" + (dir_ / "raw.pcap"), Context(dir_), &err), nullptr);
+  EXPECT_EQ(MakeSourceFromArg("pcap:" + (dir_ / "raw.pcap"), Context(dir_), &err), nullptr);
   EXPECT_NE(err.find("only Ethernet"), std::string::npos) << err;
-  EXPECT_EQ(MakeSourceFromSpec("pcap:" + (dir_ / "none.pcap"), Context(dir_), &err), nullptr);
+  EXPECT_EQ(MakeSourceFromArg("pcap:" + (dir_ / "none.pcap"), Context(dir_), &err), nullptr);
   EXPECT_NE(err.find("none.pcap"), std::string::npos) << err;
 }
 
@@ -220,7 +220,7 @@ class InjectSourceTest : public ::testing::Test {
 };
 
 TEST_F(InjectSourceTest, WellFormedBuffersPassUnchangedAndMalformedOnesAreSkipped) {
-  auto src = FromSpec("inject", Context(dir_));
+  auto src = FromArg("inject", Context(dir_));
   const std::string path = dir_ / "inject.sock";
   struct stat st {};
   ASSERT_EQ(stat(path.c_str(), &st), 0);
@@ -258,9 +258,9 @@ TEST_F(InjectSourceTest, WellFormedBuffersPassUnchangedAndMalformedOnesAreSkippe
 TEST_F(InjectSourceTest, StaleSocketsAreReplacedLiveOnesAndOtherFilesRefused) {
   const std::string path = dir_ / "in.sock";
   SourceContext ctx = Context(dir_);
-  auto first = FromSpec("inject:" + path, ctx);
+  auto first = FromArg("inject:" + path, ctx);
   std::string err;
-  EXPECT_EQ(MakeSourceFromSpec("inject:" + path, ctx, &err), nullptr);
+  EXPECT_EQ(MakeSourceFromArg("inject:" + path, ctx, &err), nullptr);
   EXPECT_NE(err.find("in use"), std::string::npos) << err;
 
   // A socket file nobody listens on any more, as a crash leaves it.
@@ -271,10 +271,10 @@ TEST_F(InjectSourceTest, StaleSocketsAreReplacedLiveOnesAndOtherFilesRefused) {
   std::strncpy(a.sun_path, stale.c_str(), sizeof(a.sun_path) - 1);
   ASSERT_EQ(bind(s, reinterpret_cast<sockaddr*>(&a), sizeof(a)), 0);
   close(s);
-  EXPECT_NE(FromSpec("inject:" + stale, ctx), nullptr);
+  EXPECT_NE(FromArg("inject:" + stale, ctx), nullptr);
 
   std::ofstream(dir_ / "plain") << "not a socket";
-  EXPECT_EQ(MakeSourceFromSpec("inject:" + (dir_ / "plain"), ctx, &err), nullptr);
+  EXPECT_EQ(MakeSourceFromArg("inject:" + (dir_ / "plain"), ctx, &err), nullptr);
   EXPECT_NE(err.find("not a socket"), std::string::npos) << err;
 }
 
@@ -283,7 +283,7 @@ TEST_F(InjectSourceTest, StaleSocketsAreReplacedLiveOnesAndOtherFilesRefused) {
 TEST(IfaceSource, CapturesLoopbackUntilStopped) {
   TempDir dir;
   std::string err;
-  auto src = MakeSourceFromSpec("iface:lo,eth=22", Context(dir), &err);
+  auto src = MakeSourceFromArg("iface:lo,eth=22", Context(dir), &err);
   if (src == nullptr) {
     EXPECT_NE(err.find("lo"), std::string::npos) << err;
     GTEST_SKIP() << err;
@@ -326,7 +326,7 @@ TEST(SourceFactory, ConfigurationEntriesAndSpecsSayTheSame) {
       YAML::Load("{pcap: sample.pcapng, eth_num: 21, timing: recorded, loop: false}"), ctx, &err);
   ASSERT_NE(a, nullptr) << err;
   EXPECT_EQ(a->Describe(), "pcap " + (dir / "sample.pcapng") + " (eth 21, recorded timing, once)");
-  auto b = FromSpec("pcap:" + (dir / "sample.pcapng") + ",eth=0x15,timing=rate,rate=100,loop", ctx);
+  auto b = FromArg("pcap:" + (dir / "sample.pcapng") + ",eth=0x15,timing=rate,rate=100,loop", ctx);
   EXPECT_EQ(b->Describe(), "pcap " + (dir / "sample.pcapng") + " (eth 21, 100 pps, looped)");
   auto c = MakeSource(YAML::Load("{inject: ~}"), ctx, &err);
   ASSERT_NE(c, nullptr) << err;
@@ -339,9 +339,9 @@ TEST(SourceFactory, MistakesAreNamed) {
   SourceContext ctx = Context(dir);
   const std::string p = "pcap:" + (dir / "s.pcap");
   const struct {
-    std::string spec;
+    std::string arg;
     const char* says;
-  } specs[] = {
+  } args[] = {
       {"tap:eth0", "expected pcap:FILE"},
       {"pcap:", "needs a file name"},
       {p + ",speed=3", "unknown option 'speed=3'"},
@@ -352,10 +352,10 @@ TEST(SourceFactory, MistakesAreNamed) {
       {"iface:lo,loop", "apply to pcap files only"},
       {"iface:vane-no-such0", "vane-no-such0"},
   };
-  for (const auto& c : specs) {
+  for (const auto& c : args) {
     std::string err;
-    EXPECT_EQ(MakeSourceFromSpec(c.spec, ctx, &err), nullptr) << c.spec;
-    EXPECT_NE(err.find(c.says), std::string::npos) << c.spec << " said: " << err;
+    EXPECT_EQ(MakeSourceFromArg(c.arg, ctx, &err), nullptr) << c.arg;
+    EXPECT_NE(err.find(c.says), std::string::npos) << c.arg << " said: " << err;
   }
   const struct {
     const char* yaml;
@@ -375,7 +375,7 @@ TEST(SourceFactory, MistakesAreNamed) {
   // The stage's own mistakes surface through the factory.
   ctx.vaned_section = YAML::Load("chip_header: {mac_offset: 4}");
   std::string err;
-  EXPECT_EQ(MakeSourceFromSpec(p, ctx, &err), nullptr);
+  EXPECT_EQ(MakeSourceFromArg(p, ctx, &err), nullptr);
   EXPECT_NE(err.find("runs into the frame"), std::string::npos) << err;
 }
 
