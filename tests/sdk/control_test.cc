@@ -15,20 +15,7 @@
 namespace vane::test {
 namespace {
 
-class ControlTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    vane_endpoint ep{};
-    ep.transport = VANE_TRANSPORT_UNIX;
-    ep.run_dir = daemon_.dir().c_str();
-    ep.timeout_ms = 5000;
-    ASSERT_EQ(vane_ctl_open(&ep, &ctl_), 0);
-  }
-  void TearDown() override { vane_ctl_close(ctl_); }
-
-  FakeDaemon daemon_;
-  vane_ctl* ctl_ = nullptr;
-};
+class ControlTest : public FakeDaemonControl {};
 
 struct WireCase {
   const char* name;

@@ -8,6 +8,8 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <cstdint>
 #include <functional>
@@ -16,6 +18,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "vane/vane.h"
 
 namespace vane::test {
 
@@ -97,6 +101,23 @@ Bytes NlMsg(uint16_t type, uint16_t flags, uint32_t seq, const Bytes& body);
 Bytes PacketMsg(uint32_t type, const Bytes& data);
 
 uint32_t Le32(const uint8_t* p);
+
+// A control handle on a stand-in daemon: the fixture of the suites that
+// drive the control side.
+class FakeDaemonControl : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    vane_endpoint ep{};
+    ep.transport = VANE_TRANSPORT_UNIX;
+    ep.run_dir = daemon_.dir().c_str();
+    ep.timeout_ms = 5000;
+    ASSERT_EQ(vane_ctl_open(&ep, &ctl_), 0);
+  }
+  void TearDown() override { vane_ctl_close(ctl_); }
+
+  FakeDaemon daemon_;
+  vane_ctl* ctl_ = nullptr;
+};
 
 }  // namespace vane::test
 

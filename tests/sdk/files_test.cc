@@ -14,20 +14,7 @@
 namespace vane::test {
 namespace {
 
-class FilesTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    vane_endpoint ep{};
-    ep.transport = VANE_TRANSPORT_UNIX;
-    ep.run_dir = daemon_.dir().c_str();
-    ep.timeout_ms = 5000;
-    ASSERT_EQ(vane_ctl_open(&ep, &ctl_), 0);
-  }
-  void TearDown() override { vane_ctl_close(ctl_); }
-
-  FakeDaemon daemon_;
-  vane_ctl* ctl_ = nullptr;
-};
+class FilesTest : public FakeDaemonControl {};
 
 TEST_F(FilesTest, ReadAllSpansSeveralChunks) {
   std::string big(VANE_WIRE_FILE_CHUNK * 2 + 123, '\0');
