@@ -20,8 +20,10 @@ using std::string_view;
 // the module's doing, not a malformed view, and is left out.
 constexpr size_t kPageText = VANE_WLAN_VIEW_MAX;
 
-bool BadArgs(const char* text, size_t len, const void* out) {
-  return out == nullptr || (text == nullptr && len != 0);
+// What every view decoder checks first: 0, -EINVAL or -EMSGSIZE.
+int CheckView(const char* text, size_t len, const void* out) {
+  if (out == nullptr || (text == nullptr && len != 0)) return -EINVAL;
+  return len > kPageText ? -EMSGSIZE : 0;
 }
 
 string_view TrimSpaces(string_view s) {
@@ -72,11 +74,8 @@ constexpr string_view kNacHeading = "NAC process list :";
 }  // namespace
 
 extern "C" int vane_decode_wlan_stats(const char* text, size_t len, vane_wlan_stats* out) {
-  if (BadArgs(text, len, out)) {
-    return -EINVAL;
-  }
-  if (len > kPageText) {
-    return -EMSGSIZE;
+  if (const int rc = CheckView(text, len, out); rc != 0) {
+    return rc;
   }
   const auto lines = Lines(string_view(text, len));
   if (lines.size() != kStatLabels.size()) {
@@ -99,11 +98,8 @@ extern "C" int vane_decode_wlan_stats(const char* text, size_t len, vane_wlan_st
 }
 
 extern "C" int vane_decode_wlan_nac(const char* text, size_t len, vane_wlan_nac* out) {
-  if (BadArgs(text, len, out)) {
-    return -EINVAL;
-  }
-  if (len > kPageText) {
-    return -EMSGSIZE;
+  if (const int rc = CheckView(text, len, out); rc != 0) {
+    return rc;
   }
   out->count = 0;
   const auto lines = Lines(string_view(text, len));
@@ -127,11 +123,8 @@ extern "C" int vane_decode_wlan_nac(const char* text, size_t len, vane_wlan_nac*
 }
 
 extern "C" int vane_decode_wlan_causeids(const char* text, size_t len, vane_wlan_causeids* out) {
-  if (BadArgs(text, len, out)) {
-    return -EINVAL;
-  }
-  if (len > kPageText) {
-    return -EMSGSIZE;
+  if (const int rc = CheckView(text, len, out); rc != 0) {
+    return rc;
   }
   out->count = 0;
   string_view rest(text, len);
@@ -199,11 +192,8 @@ bool ParsePortLine(string_view line, vane_wlan_port* p) {
 }  // namespace
 
 extern "C" int vane_decode_wlan_ports(const char* text, size_t len, vane_wlan_ports* out) {
-  if (BadArgs(text, len, out)) {
-    return -EINVAL;
-  }
-  if (len > kPageText) {
-    return -EMSGSIZE;
+  if (const int rc = CheckView(text, len, out); rc != 0) {
+    return rc;
   }
   out->count = 0;
   const auto lines = Lines(string_view(text, len));
