@@ -144,7 +144,7 @@ void Client::DeliverBurst(Client* const* clients, const iovec* msgs, size_t n) {
     }
   }
   mmsghdr hdrs[kChunk];
-  size_t index[kChunk];
+  size_t index[kChunk] = {};
   for (size_t start = 0; start < n;) {
     // One socket per call: the next unsent message names it.
     while (start < n && skip[start] != 0) ++start;
@@ -164,7 +164,8 @@ void Client::DeliverBurst(Client* const* clients, const iovec* msgs, size_t n) {
     while (done < count) {
       const int sent = sendmmsg(fd, hdrs + done, static_cast<unsigned>(count - done),
                                 MSG_DONTWAIT | MSG_NOSIGNAL);
-      const size_t ok = sent > 0 ? static_cast<size_t>(sent) : 0;
+      // Never more than was asked, whatever the call says.
+      const size_t ok = sent > 0 ? std::min(static_cast<size_t>(sent), count - done) : 0;
       for (size_t k = done; k < done + ok; ++k) {
         clients[index[k]]->sent_.fetch_add(1, std::memory_order_relaxed);
         skip[index[k]] = 1;
