@@ -33,8 +33,7 @@ class SampleModuleTest : public ModuleTest {
   Bytes last_;
 
  private:
-  void ApplySampleTables();
-  void Lb(const Bytes& msg);
+  void ApplySample();
 
   std::unique_ptr<Worker> ctl_;
   std::map<uint32_t, std::unique_ptr<Worker>> workers_;
