@@ -14,6 +14,7 @@
 #include "kport/errno.h"
 #include "kport/netlink.h"
 #include "netlink/netlink_internal.h"
+#include "wlan_lb/message.h"
 
 namespace vane {
 namespace {
@@ -60,26 +61,24 @@ int call_registered_handler(u32 id, const Payload& p) {
   return 0;
 }
 
+// What each routed id reads of its payload; a message that carries less is
+// answered -EINVAL after its trace line and changes nothing. The length
+// field is passed on as sent, and only the WLAN and handler ids read by it.
 int route(struct sk_buff* skb, u32 id, const Payload& p) {
   switch (id) {
     case NETLINK_MID_PID:
       return register_sender(skb, p);
     case NETLINK_MID_OFFSET:
     case NETLINK_MID_DEBUG_FLAG:
+      bypass_debug_out(BYPASS_DEBUG_LEVEL_ERR, "\r\nNETLINK_MID_OFFSET.");
       if (p.avail < (id == NETLINK_MID_OFFSET ? kOffsetPayloadLen : kDebugFlagPayloadLen)) {
         return -KPORT_EINVAL;
       }
-      bypass_debug_out(BYPASS_DEBUG_LEVEL_ERR, "\r\nNETLINK_MID_OFFSET.");
       bypass_set_pktOffsetAndDebugFlag(id, p.data, p.len_field);
       return 0;
     case NETLINK_MID_WLAN_LB:
-      // The handler reads its 8-byte head and then trusts the length field:
-      // a message without the head, or claiming more than it carries, is
-      // refused before anything is counted or applied.
-      if (p.len_field < WLAN_LB_MSG_HEAD_LEN || p.len_field > p.avail) return -KPORT_EINVAL;
       bypass_debug_out(BYPASS_DEBUG_LEVEL_ERR, "\r\nNETLINK_MID_WLAN_LB.");
-      (void)WLAN_LB_PacketDistribute_Proc(id, p.data, p.len_field);
-      return 0;
+      return wlan_lb_message(p.data, p.avail, p.len_field) ? 0 : -KPORT_EINVAL;
     case NETLINK_MID_IVO_LB:
       // A short message is refused whole: half a table would steer by
       // fields the sender never wrote.
@@ -88,9 +87,9 @@ int route(struct sk_buff* skb, u32 id, const Payload& p) {
       return 0;
     case NETLINK_MID_TIMNG:
     case NETLINK_MID_TIMNG_MASTER:
+      bypass_debug_out(BYPASS_DEBUG_LEVEL_ERR, "\r\n NETLINK_MID_TIMNG.");
       // Refused before it can use up one of the two slots.
       if (p.avail < kTimngPayloadLen) return -KPORT_EINVAL;
-      bypass_debug_out(BYPASS_DEBUG_LEVEL_ERR, "\r\n NETLINK_MID_TIMNG.");
       TIMNG_LB_InitKernel(id, p.data, p.len_field);
       return 0;
     default:

@@ -77,24 +77,64 @@ TEST_F(WlanMessageTest, FirstMessageOfAnyTypeEmptiesTheSocketPortListsOnce) {
             "\r\nWLAN LB message(SetType=7 Len=8 InitFlag=1).");
 }
 
-TEST_F(WlanMessageTest, MessagesTheReceiverRefusesChangeNothing) {
-  // Shorter than the head, or claiming more than it carries: -22, and the
-  // module stays in its unconfigured state.
-  EXPECT_EQ(Send({5, 0, 0, 0}), -22);
-  EXPECT_EQ(Send(LbMessage(5, 3), {.len_field = 7}), -22);
-  EXPECT_EQ(Send(LbMessage(5, 3), {.len_field = 9}), -22);
-  EXPECT_EQ(g_ulIsLBInited, 0u);
-  EXPECT_EQ(g_ulKernelLBBoardType, WLAN_LB_BOARD_TYPE_DEFAULT);
-  EXPECT_EQ(Counts(), std::vector<uint32_t>(7, 0));
+// The Len field and the bytes a message carries are told apart: only a
+// message that carries fewer bytes than its set type reads is refused (-22);
+// with the head present it is traced, counted and starts the configured
+// state whatever Len says.
+TEST_F(WlanMessageTest, LenFieldAgainstTheBytesCarried) {
+  struct Case {
+    Bytes msg;
+    uint32_t len_field;
+    int ack;
+    int counted_type;  // -1: nothing counted
+    uint32_t board;    // board type afterwards
+  };
+  const Case cases[] = {
+      {{5, 0, 0, 0}, 4, -22, -1, 1},                   // no head: nothing at all
+      {LbMessage(5, 3), 0, 0, 5, 3},                   // set type 5 reads its head word only
+      {LbMessage(5, 4), 4, 0, 5, 4},                   //
+      {LbMessage(5, 6), 100, 0, 5, 6},                 //
+      {LbMessage(0, 7), 33, 0, 0, 6},                  // wrong Len: counted, no body read
+      {LbMessage(0, 7), 32, -22, 0, 6},                // right Len, body missing
+      {LbMessage(6, 1), 20, -22, 6, 6},                // one cause ID promised, none carried
+      {Resized(PortalMsg(80, 2), 12), 20, -22, 3, 6},  // Portal body cut short
+  };
+  SetDebugLevel(BYPASS_DEBUG_LEVEL_PKT);
+  std::vector<uint32_t> counts(7, 0);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(::testing::Message() << "set type " << int{c.msg[0]} << " carrying "
+                                      << c.msg.size() << " bytes, Len " << c.len_field);
+    const std::string before = DebugText();
+    EXPECT_EQ(Send(c.msg, {.len_field = c.len_field}), c.ack);
+    if (c.counted_type >= 0) ++counts[static_cast<size_t>(c.counted_type)];
+    EXPECT_EQ(Counts(), counts);
+    EXPECT_EQ(g_ulKernelLBBoardType, c.board);
+    const std::string trace = "WLAN LB message(SetType=" + std::to_string(c.msg[0]) +
+                              " Len=" + std::to_string(c.len_field);
+    EXPECT_EQ(DebugText().find(trace, before.size()) != std::string::npos, c.counted_type >= 0);
+  }
+  EXPECT_EQ(g_ulIsLBInited, 1u);
+  EXPECT_EQ(g_CAPWAP_LB_Table, nullptr);
+  EXPECT_EQ(g_WLAN_LB_CAUSEID_HASH_Table, nullptr);
+  EXPECT_EQ(port_entry_load(&g_stPortalPktDistribute).port, 0u);
 
-  // Called directly, a payload without its head is dropped the same way.
+  // Called directly, a payload without its head, a null one or another id
+  // is dropped before anything is counted.
   const uint8_t head[4] = {5, 0, 0, 0};
   WLAN_LB_PacketDistribute_Proc(NETLINK_MID_WLAN_LB, head, sizeof(head));
   WLAN_LB_PacketDistribute_Proc(NETLINK_MID_WLAN_LB, nullptr, 8);
   const auto board = LbMessage(5, 3);
   WLAN_LB_PacketDistribute_Proc(11, board.data(), 8);
-  EXPECT_EQ(g_ulIsLBInited, 0u);
-  EXPECT_EQ(Counts(), std::vector<uint32_t>(7, 0));
+  EXPECT_EQ(Counts(), counts);
+}
+
+// The first LB message starts the configured state even when its Len is
+// wrong.
+TEST_F(WlanMessageTest, AWrongLenStillStartsTheConfiguredState) {
+  ASSERT_EQ(WLAN_LB_SetSocketPortDistributeTbl(1812, 0, 5, 0, 0), WLAN_LB_OK);
+  EXPECT_EQ(Send(LbMessage(5, 3), {.len_field = 0}), 0);
+  EXPECT_EQ(g_ulIsLBInited, 1u);
+  EXPECT_EQ(WLAN_LB_FindSocketPortDistributeTblNodeByPort(1812, 0, 0, 0), nullptr);
 }
 
 TEST_F(WlanMessageTest, EverySetTypeIsCountedWhateverItsLength) {

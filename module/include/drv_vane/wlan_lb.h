@@ -295,10 +295,12 @@ extern WLAN_LB_NAC_NODE_TBL_S* g_pstNACNodidTbl;
 
 /* ---- LB messages ---- */
 
-/* Control message 10: applies one LB message of ulLen bytes. Drops a null
- * payload or another message id; the caller has checked that ulLen bytes
- * are there and that ulLen reaches the 8-byte head. Process context; takes
- * the writer lock. */
+/* Applies one LB message (control message 10) from a buffer of ulLen
+ * readable bytes, taking ulLen as its Len field too. Drops a null payload,
+ * another message id and a buffer without the 8-byte head. Always returns
+ * WLAN_LB_OK: the outcome shows in the message counters and the debug text.
+ * Process context; takes the writer lock. The control receiver goes through
+ * an entry of its own that tells the Len field from the bytes received. */
 u32 WLAN_LB_PacketDistribute_Proc(u32 ulMsgId, const void* pMsg, u32 ulLen);
 
 /* ---- CAPWAP and keep-alive tables ---- */
