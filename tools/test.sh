@@ -10,48 +10,66 @@
 #      arm64 (cross-built), then on two x86_64 debug kernels (KASAN, KCSAN;
 #      built once per configuration and cached) with a concurrency stress,
 #      and one boot per planted bug proving that each detector reports.
+# Each step's wall time and the total are printed at the end, pass or fail.
 # Set VANE_SKIP_QEMU=1 to leave out step 5.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-bash tools/setup-deps.sh
-
 runner_log=$(mktemp)
-trap 'rm -f "$runner_log"' EXIT
+times_log=$(mktemp)
+test_start=$SECONDS
 
 # Passes a runner's output through and keeps a copy for the closing total.
 tally() { tee -a "$runner_log"; }
 
+# step NAME COMMAND...: runs one step and records its wall time. A failing
+# step still records its time before the script stops.
+step() {
+  local name=$1 start=$SECONDS rc=0
+  shift
+  echo "=== $name"
+  "$@" || rc=$?
+  printf '%s\t%d\n' "$name" $((SECONDS - start)) >>"$times_log"
+  echo "=== $name: $((SECONDS - start)) s"
+  return $rc
+}
+
+# Where the time went, whether the run passed or not.
+report_times() {
+  echo "=== step times (wall clock)"
+  awk -F'\t' '{ printf "  %-40s %4d:%02d\n", $1, $2 / 60, $2 % 60 }' "$times_log"
+  printf '  %-40s %4d:%02d\n' total $(((SECONDS - test_start) / 60)) $(((SECONDS - test_start) % 60))
+}
+trap 'report_times; rm -f "$runner_log" "$times_log"' EXIT
+
 run_suite() {
   local preset=$1
-  echo "=== build and test: $preset"
   cmake --preset "$preset" >/dev/null
   cmake --build --preset "$preset"
   ctest --preset "$preset" 2>&1 | tally
 }
 
-run_suite default
-run_suite asan
-run_suite tsan
-
-echo "=== formatting and clang-tidy (with thread-safety analysis)"
-bash tools/check-format.sh
-bash tools/lint.sh
-
-echo "=== sparse and libFuzzer"
-bash tools/sparse.sh 2>&1 | tally
-bash tools/fuzz.sh 2>&1 | tally
+step "packages" bash tools/setup-deps.sh
+step "build and test: default" run_suite default
+step "build and test: asan" run_suite asan
+step "build and test: tsan" run_suite tsan
+step "formatting" bash tools/check-format.sh
+step "clang-tidy" bash tools/lint.sh
+step "sparse" bash -c 'bash tools/sparse.sh 2>&1' | tally
+step "libFuzzer" bash -c 'bash tools/fuzz.sh 2>&1' | tally
 
 if [ "${VANE_SKIP_QEMU:-0}" != 1 ]; then
-  echo "=== kernel modules under qemu"
-  bash tests/qemu/run.sh x86_64 2>&1 | tally
-  bash tests/qemu/run.sh arm64 2>&1 | tally
-  bash tests/qemu/run.sh kasan 2>&1 | tally
-  bash tests/qemu/run.sh kcsan 2>&1 | tally
+  step "qemu packages and arm64 kernel" bash tests/qemu/setup.sh
+  step "guest x86_64" bash -c 'bash tests/qemu/run.sh x86_64 2>&1' | tally
+  step "guest arm64" bash -c 'bash tests/qemu/run.sh arm64 2>&1' | tally
+  step "debug kernel build: kasan" bash tests/qemu/debug-kernel.sh kasan >/dev/null
+  step "guest kasan" bash -c 'bash tests/qemu/run.sh kasan 2>&1' | tally
+  step "debug kernel build: kcsan" bash tests/qemu/debug-kernel.sh kcsan >/dev/null
+  step "guest kcsan" bash -c 'bash tests/qemu/run.sh kcsan 2>&1' | tally
   for bug in oob lockinv sleep timerfree leak; do
-    bash tests/qemu/run.sh kasan "$bug" 2>&1 | tally
+    step "planted bug: kasan $bug" bash -c "bash tests/qemu/run.sh kasan $bug 2>&1" | tally
   done
-  bash tests/qemu/run.sh kcsan race 2>&1 | tally
+  step "planted bug: kcsan race" bash -c 'bash tests/qemu/run.sh kcsan race 2>&1' | tally
 fi
 
 # Every runner's "N passed, M failed", added up: ctest says "...failed out of
