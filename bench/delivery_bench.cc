@@ -27,7 +27,7 @@ void BM_DeliverToDefaultReceiver(benchmark::State& state) {
       benchmark::DoNotOptimize(netlink_send_msg(2, buf.data(), static_cast<uint32_t>(buf.size())));
       if (++sent % 4096 == 0) {
         state.PauseTiming();
-        while (worker.socket(kNormal).Receive()) {
+        while (worker.port(kNormal).Receive()) {
         }
         state.ResumeTiming();
       }

@@ -16,7 +16,6 @@
 namespace vane::test {
 namespace {
 
-using kport::user::DecodeAck;
 using kport::user::UserSocket;
 
 class ControlTest : public ModuleTest {};
@@ -80,7 +79,7 @@ TEST_F(ControlTest, RegistrationRecordsTheSendersProcessIdNotItsPortId) {
 
 TEST_F(ControlTest, AcknowledgementsFollowTheRequestFlagsAndResults) {
   Worker w(3100);
-  auto& s = w.socket(kNormal);
+  auto& s = w.port(kNormal);
   // Type 17: error -22 with the whole message echoed, and nothing else done.
   auto bad = ControlMessage(NETLINK_MID_PID, PidPayload(kNormal, 0), {.type = 17, .seq = 9});
   s.Send(bad);
@@ -94,16 +93,17 @@ TEST_F(ControlTest, AcknowledgementsFollowTheRequestFlagsAndResults) {
   EXPECT_EQ(ack->orig_type, 17);
   EXPECT_EQ(reply->size(), 16u + 4u + bad.size());
   EXPECT_EQ(g_supp_netlink_kernel.ulPid, 0u);
-  EXPECT_EQ(s.Pending(), 0u);
+  EXPECT_FALSE(s.Receive().has_value());
 
   // An error is acknowledged even when no acknowledgement was asked for.
   s.Send(ControlMessage(NETLINK_MID_PID, PidPayload(kNormal, 0), {.type = 17, .flags = 0x0001}));
-  ASSERT_EQ(s.Pending(), 1u);
-  EXPECT_EQ(DecodeAck(*s.Receive())->error, -22);
+  auto error_ack = s.Receive();
+  ASSERT_TRUE(error_ack.has_value());
+  EXPECT_EQ(DecodeAck(*error_ack)->error, -22);
 
   // Success without NLM_F_ACK: silence.
   s.Send(ControlMessage(NETLINK_MID_PID, PidPayload(kNormal, 0), {.flags = 0x0001}));
-  EXPECT_EQ(s.Pending(), 0u);
+  EXPECT_FALSE(s.Receive().has_value());
   EXPECT_EQ(g_supp_netlink_kernel.ulPid, 3100u);
 
   // Ids above 15 are ignored and answered with 0.
@@ -123,9 +123,9 @@ TEST_F(ControlTest, SeveralMessagesInOneSendAreEachProcessedAndAcknowledged) {
   auto c = ControlMessage(NETLINK_MID_PID, PidPayload(kNormal, 3), {.seq = 3});
   std::vector<uint8_t> all;
   for (auto* m : {&a, &b, &c}) all.insert(all.end(), m->begin(), m->end());
-  w.socket(kNormal).Send(all);
+  w.port(kNormal).Send(all);
   std::vector<int> errors;
-  while (auto msg = w.socket(kNormal).Receive()) errors.push_back(DecodeAck(*msg)->error);
+  while (auto msg = w.port(kNormal).Receive()) errors.push_back(DecodeAck(*msg)->error);
   EXPECT_EQ(errors, (std::vector<int>{0, -22, 0}));
   EXPECT_EQ(g_supp_netlink_kernel.aulVcpuPid[1], 3200u);
   EXPECT_EQ(g_supp_netlink_kernel.aulVcpuPid[2], 0u);
@@ -205,8 +205,8 @@ TEST_F(ControlTest, MessagesTooShortForTheirIdAreRefused) {
   bare.resize(20);
   uint32_t len = 20;
   std::memcpy(bare.data(), &len, 4);
-  w.socket(kNormal).Send(bare);
-  auto reply = w.socket(kNormal).Receive();
+  w.port(kNormal).Send(bare);
+  auto reply = w.port(kNormal).Receive();
   ASSERT_TRUE(reply.has_value());
   EXPECT_EQ(DecodeAck(*reply)->error, -22);
 }

@@ -1,164 +1,50 @@
-// Packet delivery as the switch driver and the workers see it: the message
-// a worker receives, byte by byte; the choice of channel and receiver; and
-// every way a delivery can fail.
+// The delivery entry points' arguments that only another kernel module or
+// the module itself can pass: null buffers, channel records without a
+// socket, and the ICMP test on buffers cut at every length.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <vector>
 
-#include "drv_vane/config.h"
 #include "drv_vane/netlink.h"
-#include "kport/user/testing.h"
-#include "support/frames.h"
 #include "support/module_env.h"
 #include "support/packet_builder.h"
 
 namespace vane::test {
 namespace {
 
-namespace fault = kport::user::fault;
+using DeliveryArgsTest = ModuleTest;
 
-class DeliveryTest : public ModuleTest {
- protected:
-  static int Send(uint32_t type, Bytes buf) {
-    return netlink_send_msg(type, buf.empty() ? nullptr : buf.data(), buf.size());
-  }
-  static int Send(uint32_t type, size_t len) {
-    Bytes buf(len);
-    for (size_t i = 0; i < len; ++i) buf[i] = static_cast<uint8_t>(i * 7 + 1);
-    return netlink_send_msg(type, buf.data(), len);
-  }
-};
-
-uint32_t Align4(uint32_t v) { return (v + 3) & ~3u; }
-
-TEST_F(DeliveryTest, DefaultReceiverGetsTheWholeBufferLaidOutByteByByte) {
-  Worker w(4001);
-  ASSERT_EQ(w.Register(kNormal, 0), 0);
-  for (uint32_t len : {1u, 2u, 3u, 4u, 5u, 12u, 13u, 99u, 10000u}) {
-    SCOPED_TRACE(len);
-    Bytes buf(len);
-    for (uint32_t i = 0; i < len; ++i) buf[i] = static_cast<uint8_t>(0xA0 ^ i);
-    buf[0] = 1;  // not eligible for the ICMP diversion
-    const uint32_t expected_len = 16 + Align4(len + 8);
-    EXPECT_EQ(netlink_send_msg(7, buf.data(), len), static_cast<int>(expected_len));
-    auto d = w.Next(kNormal);
-    ASSERT_TRUE(d.has_value());
-    EXPECT_EQ(d->nlmsg_len, expected_len);
-    EXPECT_EQ(d->raw.size(), expected_len);
-    EXPECT_EQ(d->nlmsg_type, 18);
-    EXPECT_EQ(d->nlmsg_flags, 0);
-    EXPECT_EQ(d->nlmsg_seq, 0u);
-    EXPECT_EQ(d->nlmsg_pid, 4001u);
-    EXPECT_EQ(d->type, 7u);
-    EXPECT_EQ(d->len, len);
-    EXPECT_EQ(d->data, buf);
-    for (uint32_t i = 24 + len; i < expected_len; ++i) EXPECT_EQ(d->raw[i], 0) << "padding " << i;
-  }
-  EXPECT_EQ(w.Pending(kFast), 0u);
-}
-
-TEST_F(DeliveryTest, ArgumentsOutsideTheirRangesAreRefused) {
-  Worker w(4002);
+TEST_F(DeliveryArgsTest, NullBuffersAndRecordsWithoutASocket) {
+  Worker w;
   ASSERT_EQ(w.Register(kNormal, 0), 0);
   ASSERT_EQ(w.Register(kNormal, 3), 0);
-  EXPECT_EQ(Send(1, 0), -22);
-  EXPECT_EQ(Send(1, 10001), -22);
-  EXPECT_EQ(Send(0, 20), -22);
-  EXPECT_EQ(Send(16, 20), -22);
   EXPECT_EQ(netlink_send_msg(1, nullptr, 20), -22);
   EXPECT_EQ(netlink_fastsend_msg(1, nullptr, 20), -22);
   Bytes buf(20, 1);
   EXPECT_EQ(netlink_send_msg_vcpuid(1, buf.data(), 20, 64, &g_supp_netlink_kernel), -22);
   EXPECT_EQ(netlink_send_msg_vcpuid(16, buf.data(), 20, 3, &g_supp_netlink_kernel), -22);
   EXPECT_EQ(netlink_send_msg_bysock(1, buf.data(), 20, nullptr), -22);
-  EXPECT_EQ(w.Pending(kNormal), 0u);
-  // The limits themselves pass.
-  EXPECT_GT(Send(15, 10000), 0);
   EXPECT_GT(netlink_send_msg_vcpuid(1, buf.data(), 20, 3, &g_supp_netlink_kernel), 0);
-}
-
-TEST_F(DeliveryTest, ChannelsWithoutReceiverOrSocketAreNotReady) {
-  Worker w(4003);
-  // vCPU receivers alone do not make a channel ready.
-  ASSERT_EQ(w.Register(kNormal, 4), 0);
-  EXPECT_EQ(Send(2, 40), -77);
-  Bytes buf(40, 1);
-  EXPECT_EQ(netlink_send_msg_vcpuid(2, buf.data(), 40, 5, &g_supp_netlink_kernel), -77);
   SUPP_NETLINK_KERNEL_S no_socket{};
-  no_socket.ulPid = 4003;
-  no_socket.aulVcpuPid[4] = 4003;
-  EXPECT_EQ(netlink_send_msg_bysock(2, buf.data(), 40, &no_socket), -77);
-  EXPECT_EQ(netlink_send_msg_vcpuid(2, buf.data(), 40, 4, &no_socket), -77);
-  EXPECT_EQ(w.Pending(kNormal), 0u);
+  no_socket.ulPid = w.pid();
+  no_socket.aulVcpuPid[4] = w.pid();
+  EXPECT_EQ(netlink_send_msg_bysock(2, buf.data(), 20, &no_socket), -77);
+  EXPECT_EQ(netlink_send_msg_vcpuid(2, buf.data(), 20, 4, &no_socket), -77);
+  EXPECT_EQ(w.Pending(kNormal), 1u);
 }
 
-TEST_F(DeliveryTest, PlatformFailuresReachTheCaller) {
-  {
-    Worker gone(4004);
-    ASSERT_EQ(gone.Register(kNormal, 0), 0);
-  }
-  EXPECT_EQ(Send(1, 30), -111);  // registered, but its socket is closed
-
-  Worker w(4005, /*queue_limit=*/2);
-  ASSERT_EQ(w.Register(kNormal, 0), 0);
-  EXPECT_GT(Send(1, 30), 0);
-  EXPECT_GT(Send(1, 30), 0);
-  EXPECT_EQ(Send(1, 30), -11);  // queue full; nothing waits
-  EXPECT_EQ(w.Pending(kNormal), 2u);
-
-  while (w.Next(kNormal)) {
-  }
-  fault::FailNth(fault::Site::kAlloc, 1);
-  EXPECT_EQ(Send(1, 30), -12);
-  EXPECT_EQ(w.Pending(kNormal), 0u);
-  EXPECT_GT(Send(1, 30), 0);
-}
-
-Bytes IcmpEcho(uint32_t word0, uint8_t icmp_type, std::vector<uint16_t> tags = {}) {
-  PacketBuilder b;
-  b.prefix(word0, 0, 0).ethernet(Mac("00:11:22:33:44:55"), Mac("00:11:22:33:44:66"));
-  for (uint16_t tpid : tags) b.vlan(10, tpid);
-  return b.ipv4({.src = Ipv4Addr("10.0.0.1"), .dst = Ipv4Addr("10.0.0.2")})
-      .icmp(icmp_type, 0)
-      .payload(8)
-      .build();
-}
-
-TEST_F(DeliveryTest, IcmpEchoTakesTheFastChannel) {
-  Worker w(4006);
-  ASSERT_EQ(w.Register(kNormal, 0), 0);
-  // Without a fast default receiver the echo fails there and is not sent on
-  // the normal channel instead.
-  EXPECT_EQ(Send(1, IcmpEcho(0, 8)), -77);
-  EXPECT_EQ(w.Pending(kNormal), 0u);
-
-  ASSERT_EQ(w.Register(kFast, 0), 0);
-  EXPECT_GT(Send(1, IcmpEcho(0, 8)), 0);
-  EXPECT_GT(Send(1, IcmpEcho(0, 0, {0x9100, 0x8100})), 0);
-  EXPECT_EQ(w.Pending(kFast), 2u);
-  EXPECT_EQ(w.Pending(kNormal), 0u);
-
-  // Other types, prefix words, ICMP types and tags stay on the normal one.
-  EXPECT_GT(Send(2, IcmpEcho(0, 8)), 0);
-  EXPECT_GT(Send(1, IcmpEcho(1, 8)), 0);
-  EXPECT_GT(Send(1, IcmpEcho(0, 3)), 0);
-  EXPECT_GT(Send(1, IcmpEcho(0, 8, {0x88A8})), 0);
-  EXPECT_EQ(w.Pending(kNormal), 4u);
-  EXPECT_EQ(w.Pending(kFast), 2u);
-
-  // The fast entry point skips the ICMP test and goes to the fast receiver.
-  Bytes other(30, 1);
-  EXPECT_GT(netlink_fastsend_msg(3, other.data(), other.size()), 0);
-  EXPECT_EQ(w.Next(kFast)->type, 1u);
-  EXPECT_EQ(w.Next(kFast)->type, 1u);
-  EXPECT_EQ(w.Next(kFast)->type, 3u);
-}
-
-TEST_F(DeliveryTest, IcmpTestNeverReadsPastTheBuffer) {
+TEST(IcmpFilterTest, NeverReadsPastTheBuffer) {
   // Every prefix of a double-tagged echo, each in a buffer of exactly that
   // size: only the complete packet up to the ICMP type byte is recognised.
-  const Bytes full = IcmpEcho(0, 8, {0x8100, 0x8100});
+  const Bytes full = PacketBuilder()
+                         .prefix(0, 0, 0)
+                         .ethernet(Mac("00:11:22:33:44:55"), Mac("00:11:22:33:44:66"))
+                         .vlan(10, 0x8100)
+                         .vlan(10, 0x8100)
+                         .ipv4({.src = Ipv4Addr("10.0.0.1"), .dst = Ipv4Addr("10.0.0.2")})
+                         .icmp(8, 0)
+                         .payload(8)
+                         .build();
   const size_t type_byte = 12 + 12 + 8 + 2 + 20;
   for (size_t len = 0; len <= full.size(); ++len) {
     Bytes cut(full.begin(), full.begin() + static_cast<long>(len));
@@ -167,44 +53,6 @@ TEST_F(DeliveryTest, IcmpTestNeverReadsPastTheBuffer) {
         << "length " << len;
   }
   EXPECT_EQ(netlink_filter_icmp_pkt(nullptr, 100), 0);
-}
-
-TEST_F(DeliveryTest, DispatchSwitchSelectsBetweenVcpuAndDefaultReceiver) {
-  Worker def(4010);
-  Worker vcpu5(4011);
-  ASSERT_EQ(def.Register(kNormal, 0), 0);
-  ASSERT_EQ(vcpu5.Register(kNormal, 5), 0);
-  BYPASS_PKT_OFFSET_S cfg{};
-  cfg.ulMultiCoreEthNumMin = 10;  // empty multi-core range
-  cfg.ulMultiCoreEthNumMax = 9;
-  cfg.ulEcmEthNum = 3;
-  cfg.ulVpEthNumMin = 10;
-  cfg.ulVpEthNumMax = 9;
-  const Bytes ecm = EcmFrame(3, 5, {.word0 = 1});
-
-  // Dispatch off (load-time state): the default receiver gets it.
-  EXPECT_GT(Send(1, ecm), 0);
-  EXPECT_EQ(def.Pending(), 1u);
-
-  cfg.ulIsSupportMulticore = 1;
-  ASSERT_EQ(def.Configure(cfg), 0);
-  EXPECT_GT(Send(1, ecm), 0);
-  auto d = vcpu5.Next();
-  ASSERT_TRUE(d.has_value());
-  EXPECT_EQ(d->nlmsg_pid, 4011u);
-  EXPECT_EQ(d->data, ecm);
-  EXPECT_EQ(def.Pending(), 1u);
-
-  // A vCPU without a receiver: -77, and no fallback.
-  Bytes to6 = ecm;
-  to6[12 + 21] = 6;
-  EXPECT_EQ(Send(1, to6), -77);
-
-  cfg.ulIsSupportMulticore = 0;
-  ASSERT_EQ(def.Configure(cfg), 0);
-  EXPECT_GT(Send(1, ecm), 0);
-  EXPECT_EQ(def.Pending(), 2u);
-  EXPECT_EQ(vcpu5.Pending(), 0u);
 }
 
 }  // namespace

@@ -2,7 +2,8 @@
 
 #include <cstring>
 
-#include "drv_vane/entry.h"
+#include <algorithm>
+
 #include "drv_vane/netlink.h"
 
 namespace vane::test {
@@ -70,22 +71,81 @@ std::optional<Delivered> DecodeDelivered(const std::vector<uint8_t>& msg) {
   return d;
 }
 
-Worker::Worker(uint32_t pid, size_t queue_limit)
-    : pid_(pid),
-      normal_(kport::user::UserSocket::Open(kNormal, pid, pid, queue_limit)),
-      fast_(kport::user::UserSocket::Open(kFast, pid, pid, queue_limit)) {
-  EXPECT_NE(normal_, nullptr) << "worker " << pid << " cannot open its normal socket";
-  EXPECT_NE(fast_, nullptr) << "worker " << pid << " cannot open its fast socket";
+std::optional<Ack> DecodeAck(const std::vector<uint8_t>& msg) {
+  // Header, error code, then at least the acknowledged message's header.
+  constexpr size_t kAckLen = 16 + 4 + 16;
+  constexpr uint16_t kNlmsgError = 2;
+  if (msg.size() < kAckLen || get16(msg, 4) != kNlmsgError) return std::nullopt;
+  const uint32_t len = get32(msg, 0);
+  if (len < kAckLen || len > msg.size()) return std::nullopt;
+  Ack ack;
+  ack.flags = get16(msg, 6);
+  ack.seq = get32(msg, 8);
+  ack.portid = get32(msg, 12);
+  ack.error = static_cast<int32_t>(get32(msg, 16));
+  ack.orig_len = get32(msg, 20);
+  ack.orig_type = get16(msg, 24);
+  return ack;
+}
+
+const char* PowerName(Power p) {
+  switch (p) {
+    case Power::kManualClock:
+      return "a clock the test moves";
+    case Power::kFaultInjection:
+      return "fault injection";
+    case Power::kCountedQueues:
+      break;
+  }
+  return "receive queues bounded by a message count";
+}
+
+Worker::Worker(const Options& opt) : Worker(env().NewPeer(), opt.queue_limit) {}
+
+Worker::Worker(uint32_t pid, size_t queue_limit) : Worker(UserPeerWithPid(pid), queue_limit) {}
+
+Worker::Worker(std::unique_ptr<Peer> peer, size_t queue_limit) : peer_(std::move(peer)) {
+  if (queue_limit != 0 && !env().Has(Power::kCountedQueues)) {
+    ADD_FAILURE() << "a worker queue of " << queue_limit << " messages needs "
+                  << PowerName(Power::kCountedQueues);
+  }
+  normal_ = peer_->Open(kNormal, 0, queue_limit);
+  fast_ = peer_->Open(kFast, 0, queue_limit);
+  EXPECT_NE(normal_, nullptr) << "worker " << pid() << " cannot open its normal socket";
+  EXPECT_NE(fast_, nullptr) << "worker " << pid() << " cannot open its fast socket";
+}
+
+Worker::~Worker() = default;
+
+void Worker::Close() {
+  normal_.reset();
+  fast_.reset();
+}
+
+void Worker::Drain(int protocol) {
+  Port* p = protocol == kFast ? fast_.get() : normal_.get();
+  if (p == nullptr) return;
+  bool overrun = false;
+  while (auto msg = p->Receive(&overrun)) {
+    if (overrun) {
+      ++(protocol == kFast ? fast_overruns_ : normal_overruns_);
+      continue;
+    }
+    stash(protocol).push_back(std::move(*msg));
+  }
 }
 
 std::optional<int> Worker::Control(uint32_t id, const std::vector<uint8_t>& payload, int via,
                                    const CtrlOptions& opt) {
-  kport::user::UserSocket& s = socket(via);
-  s.Send(ControlMessage(id, payload, opt));
+  Port& p = port(via);
+  p.Send(ControlMessage(id, payload, opt));
   // Packets may be queued ahead of the acknowledgement; keep them in order.
   std::optional<int> result;
-  while (auto msg = s.Receive()) {
-    if (auto ack = kport::user::DecodeAck(*msg); ack && !result) {
+  bool overrun = false;
+  while (auto msg = p.Receive(&overrun)) {
+    if (overrun) {
+      ++(via == kFast ? fast_overruns_ : normal_overruns_);
+    } else if (auto ack = DecodeAck(*msg); ack && !result) {
       result = ack->error;
     } else {
       stash(via).push_back(std::move(*msg));
@@ -107,20 +167,20 @@ int Worker::Debug(uint8_t command) {
 }
 
 std::optional<Delivered> Worker::Next(int protocol) {
-  if (!stash(protocol).empty()) {
-    std::vector<uint8_t> msg = std::move(stash(protocol).front());
-    stash(protocol).pop_front();
-    return DecodeDelivered(msg);
-  }
-  auto msg = socket(protocol).Receive();
-  if (!msg) return std::nullopt;
-  return DecodeDelivered(*msg);
+  Drain(protocol);
+  if (stash(protocol).empty()) return std::nullopt;
+  std::vector<uint8_t> msg = std::move(stash(protocol).front());
+  stash(protocol).pop_front();
+  return DecodeDelivered(msg);
 }
 
-size_t Worker::Pending(int protocol) { return stash(protocol).size() + socket(protocol).Pending(); }
+size_t Worker::Pending(int protocol) {
+  Drain(protocol);
+  return stash(protocol).size();
+}
 
 std::string DebugText() {
-  std::vector<uint8_t> bytes = kport::user::vfs::ProcReadAll("/proc/bypassDebug/debug");
+  std::vector<uint8_t> bytes = env().Read("/proc/bypassDebug/debug").value_or(Bytes{});
   auto end = std::find(bytes.begin(), bytes.end(), 0);
   return std::string(bytes.begin(), end);
 }
@@ -128,11 +188,11 @@ std::string DebugText() {
 void SetDebugLevel(uint32_t level) {
   std::vector<uint8_t> bytes(4);
   std::memcpy(bytes.data(), &level, 4);
-  ASSERT_EQ(kport::user::vfs::ProcWriteAll("/proc/bypassDebug/debug", bytes), 4);
+  ASSERT_EQ(env().Write("/proc/bypassDebug/debug", bytes), 4);
 }
 
 std::vector<uint32_t> Counters() {
-  std::vector<uint8_t> bytes = kport::user::vfs::ProcReadAll("/proc/bypassDebug/counts");
+  std::vector<uint8_t> bytes = env().Read("/proc/bypassDebug/counts").value_or(Bytes{});
   std::vector<uint32_t> counts(bytes.size() / 4);
   std::memcpy(counts.data(), bytes.data(), counts.size() * 4);
   return counts;
@@ -147,19 +207,8 @@ std::map<uint32_t, uint32_t> NonZeroCounters() {
   return m;
 }
 
-void ModuleTest::SetUp() {
-  kport::user::fault::ClearAll();
-  kport::user::klog::Clear();
-  live_before_ = kport::user::LiveAllocations();
-  ASSERT_EQ(vane_entry_init(), 0);
-}
+void ModuleTest::SetUp() { ASSERT_EQ(env().Load(), 0); }
 
-void ModuleTest::TearDown() {
-  kport::user::fault::ClearAll();
-  vane_entry_exit();
-  EXPECT_EQ(kport::user::LiveAllocations(), live_before_) << "unload leaked allocations";
-  EXPECT_FALSE(kport::user::vfs::Exists("/proc/bypassDebug"));
-  EXPECT_EQ(kport::user::KernelSocketCount(), 0u);
-}
+void ModuleTest::TearDown() { env().Unload(); }
 
 }  // namespace vane::test

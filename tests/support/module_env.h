@@ -1,6 +1,7 @@
-// Drives the module the way its users do: a fixture that loads and unloads
-// it around each test, workers that register over the in-memory netlink
-// sockets and receive what the module delivers, and control-message helpers.
+// Drives the module the way its users do, in whichever environment the
+// program runs (env.h): a fixture that loads and unloads it around each
+// test, workers that register over netlink and receive what the module
+// delivers, control-message helpers, and the debug and counter files.
 #ifndef VANE_TESTS_SUPPORT_MODULE_ENV_H
 #define VANE_TESTS_SUPPORT_MODULE_ENV_H
 
@@ -16,7 +17,7 @@
 
 #include "drv_vane/config.h"
 #include "drv_vane/dispatch.h"
-#include "kport/user/testing.h"
+#include "support/env.h"
 
 namespace vane::test {
 
@@ -53,13 +54,40 @@ struct Delivered {
 };
 std::optional<Delivered> DecodeDelivered(const std::vector<uint8_t>& msg);
 
-// A user-space worker: one socket per channel, both with port id = pid.
+// A netlink acknowledgement (NLMSG_ERROR) as a worker receives it.
+struct Ack {
+  uint16_t flags = 0;
+  uint32_t seq = 0;
+  uint32_t portid = 0;  // nlmsg_pid: the receiver
+  int32_t error = 0;
+  uint16_t orig_type = 0;  // header of the acknowledged message
+  uint32_t orig_len = 0;
+};
+// Decodes `msg` as an acknowledgement; nullopt when it is not one.
+std::optional<Ack> DecodeAck(const std::vector<uint8_t>& msg);
+
+// A user-space worker: one process id, one socket per channel, both bound
+// with port id = pid, as a worker process binds them.
 class Worker {
  public:
-  explicit Worker(uint32_t pid, size_t queue_limit = kport::user::UserSocket::kDefaultQueueLimit);
+  struct Options {
+    // Receive queue bound in messages; needs Power::kCountedQueues. 0 keeps
+    // the platform's queue.
+    size_t queue_limit = 0;
+  };
+  Worker() : Worker(Options{}) {}
+  explicit Worker(const Options& opt);
+  // User backend only (a test of the backend or of internals): a worker
+  // with the given process id.
+  explicit Worker(uint32_t pid, size_t queue_limit = 0);
+  ~Worker();
+  Worker(const Worker&) = delete;
+  Worker& operator=(const Worker&) = delete;
 
-  uint32_t pid() const { return pid_; }
-  kport::user::UserSocket& socket(int protocol) { return protocol == kFast ? *fast_ : *normal_; }
+  uint32_t pid() const { return peer_->pid(); }
+  Port& port(int protocol) { return protocol == kFast ? *fast_ : *normal_; }
+  // Closes the worker's sockets (the process stays): deliveries to it fail.
+  void Close();
 
   // Sends one control message on `via` and returns the acknowledgement's
   // error code (nullopt when none came back).
@@ -76,19 +104,37 @@ class Worker {
   // Next packet message queued on the channel's socket.
   // Packets that arrived while an acknowledgement was awaited come first.
   std::optional<Delivered> Next(int protocol = kNormal);
+  // Messages queued and not yet taken by Next.
   size_t Pending(int protocol = kNormal);
+  // How often the channel's queue reported an overrun (the kernel's
+  // ENOBUFS) since the worker opened it.
+  size_t Overruns(int protocol = kNormal) const {
+    return protocol == kFast ? fast_overruns_ : normal_overruns_;
+  }
 
  private:
   std::deque<std::vector<uint8_t>>& stash(int protocol) {
     return protocol == kFast ? fast_stash_ : normal_stash_;
   }
+  Worker(std::unique_ptr<Peer> peer, size_t queue_limit);
+  // Moves every queued message of the channel into its stash.
+  void Drain(int protocol);
 
-  uint32_t pid_;
+  std::unique_ptr<Peer> peer_;
   std::deque<std::vector<uint8_t>> normal_stash_;
   std::deque<std::vector<uint8_t>> fast_stash_;
-  std::unique_ptr<kport::user::UserSocket> normal_;
-  std::unique_ptr<kport::user::UserSocket> fast_;
+  size_t normal_overruns_ = 0;
+  size_t fast_overruns_ = 0;
+  std::unique_ptr<Port> normal_;
+  std::unique_ptr<Port> fast_;
 };
+
+// User backend only: a peer with the given process id (defined by
+// env_user.cc, so a scenario that calls it does not link in the guest).
+std::unique_ptr<Peer> UserPeerWithPid(uint32_t pid);
+
+// The environment the scenario runs in.
+inline Env& env() { return Env::Get(); }
 
 // The debug text as /proc/bypassDebug/debug shows it, up to the first zero.
 std::string DebugText();
@@ -104,14 +150,11 @@ constexpr uint32_t WlanCounterIndex(uint32_t v, uint32_t t) {
 }
 
 // Loads the module before each test and unloads it after, checking that the
-// unload gives back every allocation and leaves no proc entry or socket.
+// unload leaves nothing behind (Env::Unload).
 class ModuleTest : public ::testing::Test {
  protected:
   void SetUp() override;
   void TearDown() override;
-
- private:
-  size_t live_before_ = 0;
 };
 
 }  // namespace vane::test
