@@ -9,7 +9,8 @@ packages=(cmake ninja-build g++ make binutils libgtest-dev libgmock-dev libbench
           liburcu-dev  # the user backend's RCU
           # libvane, vaned and vanectl; tshark and scapy for the sample capture
           libmnl-dev libpcap-dev libyaml-cpp-dev libfmt-dev nlohmann-json3-dev libcli11-dev
-          tshark python3-scapy python3-yaml)
+          tshark python3-scapy python3-yaml
+          ccache)  # shared by the presets, clones and worktrees
 
 missing=()
 for p in "${packages[@]}"; do
