@@ -5,6 +5,8 @@
 //   VANE-FAIL <test>: <first failure, on one line>
 //   VANE-SKIP <test>: <reason>
 //   <target>: N passed, M failed, K skipped
+// and, for a test that took a second or more, "vane-time <test>: N ms", so
+// that a boot's time can be traced to its scenarios.
 //
 //   vane_scenarios [--target=NAME] [GoogleTest flags, e.g. --gtest_filter=]
 #include <gtest/gtest.h>
@@ -56,6 +58,10 @@ class LinePrinter : public testing::EmptyTestEventListener {
     } else {
       ++passed_;
       std::printf("VANE-PASS %s\n", name.c_str());
+    }
+    if (r.elapsed_time() >= 1000) {
+      std::printf("vane-time %s: %lld ms\n", name.c_str(),
+                  static_cast<long long>(r.elapsed_time()));
     }
     std::fflush(stdout);
   }
