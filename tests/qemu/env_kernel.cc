@@ -360,22 +360,28 @@ class KernelEnv : public Env {
   std::unique_ptr<Peer> NewPeer() override { return std::make_unique<KernelPeer>(); }
 
   int Deliver(uint32_t type, const Bytes& buf, bool fast) override {
-    // The stand-in keeps one result for all callers: a call and the read
-    // of its result must not interleave with another thread's.
-    std::lock_guard lock(drvsim_mu_);
+    // Through the stand-in's call file, which keeps each open file's
+    // result: deliveries from several threads run side by side, as the
+    // driver's do on several processors.
     Bytes call(8 + buf.size());
     Put32(call, 0, fast ? 1 : 0);
     Put32(call, 4, type);
     std::copy(buf.begin(), buf.end(), call.begin() + 8);
-    if (const long n = WriteFile(std::string(kDrvsim) + "send", call.data(), call.size());
-        n != static_cast<long>(call.size())) {
-      ADD_FAILURE() << "the driver stand-in refused the call: " << Errno(static_cast<int>(n));
+    const int fd = open((std::string(kDrvsim) + "call").c_str(), O_RDWR | O_CLOEXEC);
+    if (fd < 0) {
+      ADD_FAILURE() << "open the driver stand-in's call file: " << Errno(errno);
       return kStandInFailed;
     }
+    const ssize_t n = write(fd, call.data(), call.size());
+    const int e = errno;
+    char text[16] = {};
+    const bool answered =
+        n == static_cast<ssize_t>(call.size()) && pread(fd, text, sizeof(text) - 1, 0) > 0;
+    close(fd);
     int result = 0;
-    const std::string text = ReadText(std::string(kDrvsim) + "result");
-    if (std::sscanf(text.c_str(), "%d", &result) != 1) {
-      ADD_FAILURE() << "the driver stand-in's result reads \"" << text << "\"";
+    if (!answered || std::sscanf(text, "%d", &result) != 1) {
+      ADD_FAILURE() << "the driver stand-in refused the call ("
+                    << (n < 0 ? Errno(e) : "result \"" + std::string(text) + "\"") << ")";
       return kStandInFailed;
     }
     return result;
@@ -383,6 +389,8 @@ class KernelEnv : public Env {
 
   uint32_t CatchPkt(const Bytes& packet, uint16_t event, uint8_t* mark,
                     uint16_t mac_offset) override {
+    // The stand-in keeps one capture result for all callers: a call and
+    // the read of its result must not interleave with another thread's.
     std::lock_guard lock(drvsim_mu_);
     if (mark != nullptr) *mark = 0;
     if (!Capture(0, event, mac_offset, 0, 0, packet)) return 0;

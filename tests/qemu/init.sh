@@ -16,8 +16,8 @@
 #   vane.filter=F     run only the scenarios of GoogleTest filter F
 #   vane.bug=NAME     plant one bug with vane_bugplant.ko and stop: the
 #                     harness requires the detector's report in the log
-#   vane.stress=SECS  after the scenarios, five rounds of load, vane_stress
-#                     for SECS seconds (the last with its WLAN mix), unload
+#   vane.stress=SECS  after the scenarios, four rounds of load, vane_stress
+#                     for SECS seconds, unload
 #   vane.kmemleak=1   scan for leaks once every module is unloaded
 /bin/busybox --install -s /bin
 export PATH=/bin
@@ -196,14 +196,11 @@ if [ -x /bin/vane_libvane ]; then
 fi
 
 # Packets from both processors, control messages, proc reads and writes, all
-# at once, with the module loaded and unloaded between rounds; the last round
-# changes every WLAN table while packets look them up and the views are read.
+# at once, with the module loaded and unloaded between rounds.
 if [ -n "$STRESS" ]; then
-    for round in 1 2 3 4 wlan; do
-        mix=
-        [ $round = wlan ] && mix=wlan
+    for round in 1 2 3 4; do
         if load_pair; then
-            /bin/vane_stress "$STRESS" "round$round" $mix || FAILS=$((FAILS + 1))
+            /bin/vane_stress "$STRESS" "round$round" || FAILS=$((FAILS + 1))
         else
             fail stress-round$round "insmod failed"
         fi

@@ -1,7 +1,7 @@
 /* vane_stress: everything at once against a loaded drv_vane, for the debug
  * kernels' detectors to watch. Runs inside the qemu guest, statically linked.
  *
- *   vane_stress SECONDS LABEL [wlan]
+ *   vane_stress SECONDS LABEL
  *
  * For SECONDS, each in a process of its own:
  *  - one packet writer pinned to each processor, handing packets of every
@@ -14,11 +14,6 @@
  *  - a reader of every file under the proc and sysfs directories of kReadDirs
  *    at random offsets and counts;
  *  - a writer of random bytes to the writable files of kWriteFiles.
- * With "wlan", the WLAN tables instead: the module is set up once for
- * multi-core packets with four load-balanced cause IDs, the control sender
- * changes every WLAN table without pause with valid LB messages (entries
- * added, updated and deleted, lists reloaded), and the packet writers send
- * packets that look those tables up, while the reader walks the views.
  * Prints "VANE-PASS stress-LABEL" when every process ran to the end and each
  * did some work, else "VANE-FAIL stress-LABEL: why". What the kernel thinks
  * of it is in its log, which the harness judges.
@@ -45,7 +40,6 @@
 #define MSG_TYPE 18
 #define MID_PID 0
 #define MID_OFFSET 5
-#define MID_WLAN_LB 10
 #define PREFIX_LEN 12
 #define MAX_MSG (16 + 8 + 10000 + 4)
 #define DRVSIM_SEND "/proc/vane_drvsim/send"
@@ -128,7 +122,7 @@ static int nl_open(int proto) {
 /* One control message asking for an acknowledgement: header, message id,
  * payload-length field, payload. 0 when sent. */
 static int ctrl_send(int fd, uint32_t id, const void* payload, uint32_t size) {
-  static uint8_t buf[24 + 1400];
+  static uint8_t buf[24 + 256];
   static uint32_t seq;
   struct nlmsghdr* h = (struct nlmsghdr*)buf;
   struct sockaddr_nl kernel = {.nl_family = AF_NETLINK};
@@ -212,190 +206,6 @@ static uint32_t make_packet(uint8_t* buf, uint32_t cap) {
   }
 }
 
-/* ---- the WLAN mix ---------------------------------------------------------
- * Multi-core packets on interface WLAN_ETHNUM, the Ethernet header WLAN_HEAD
- * bytes in (no HiGig2 header), the cause ID at bytes 18-19: each of the four
- * load-balanced cause IDs makes the module look up one kind of table. */
-#define WLAN_ETHNUM 21
-#define WLAN_HEAD 24
-enum { C_CAPWAP = 300, C_KA = 301, C_MAC = 302, C_PORT = 303 };
-#define SIP 0x0a010101u
-#define DIP 0x0a010102u
-#define COA_PORT 3799
-
-static int wlan_mix;
-static const uint32_t session[4] = {0x01020304, 0x05060708, 0x090a0b0c, 0x0d0e0f10};
-
-/* A control message and its acknowledgement's error (-1000: none came). */
-static int ctrl_ack(int fd, uint32_t id, const void* payload, uint32_t size) {
-  static uint8_t buf[MAX_MSG];
-  const struct nlmsghdr* h = (const struct nlmsghdr*)buf;
-  int n;
-
-  if (ctrl_send(fd, id, payload, size) != 0) return -1001;
-  do n = nl_recv(fd, buf, sizeof(buf), 1000);
-  while (n >= 16 && h->nlmsg_type == MSG_TYPE);
-  if (n < 20 || h->nlmsg_type != NLMSG_ERROR) return -1000;
-  return ((const struct nlmsgerr*)(buf + 16))->error;
-}
-
-static int lb(int fd, uint32_t set_type, uint32_t head, const void* body, uint32_t blen) {
-  uint8_t m[8 + 68];
-
-  put32(m, set_type);
-  put32(m + 4, head);
-  memcpy(m + 8, body, blen);
-  return ctrl_send(fd, MID_WLAN_LB, m, 8 + blen);
-}
-
-static int capwap(int fd, uint32_t sip, uint32_t vcpu, uint8_t op) {
-  uint8_t b[24] = {0};
-  uint16_t sport = 5246, dport = 5247;
-
-  put32(b, sip);
-  put32(b + 4, DIP);
-  memcpy(b + 8, &sport, 2);
-  memcpy(b + 10, &dport, 2);
-  put32(b + 16, vcpu);
-  b[20] = op;
-  return lb(fd, 0, 0, b, sizeof(b));
-}
-
-static int keepalive(int fd, uint32_t vcpu, uint8_t op) {
-  uint8_t b[24] = {0};
-
-  memcpy(b, session, 16);
-  put32(b + 16, vcpu);
-  b[20] = op;
-  return lb(fd, 1, 0, b, sizeof(b));
-}
-
-static int nac(int fd, uint32_t first, uint16_t count) {
-  uint8_t b[68] = {0};
-
-  memcpy(b, &count, 2);
-  for (int k = 0; k < 16; k++) put32(b + 4 + 4 * k, 20 + (first + k) % 3);
-  return lb(fd, 2, 3, b, sizeof(b));
-}
-
-static int portal(int fd, uint16_t port, uint32_t vcpu) {
-  uint8_t b[12] = {0};
-
-  memcpy(b, &port, 2);
-  put32(b + 4, vcpu);
-  return lb(fd, 3, 0, b, sizeof(b));
-}
-
-static int socket_port(int fd, uint16_t port, uint8_t tcp, uint32_t vcpu, uint16_t op) {
-  uint8_t b[16] = {0};
-
-  memcpy(b, &op, 2);
-  memcpy(b + 4, &port, 2);
-  b[6] = tcp;
-  put32(b + 8, vcpu);
-  return lb(fd, 4, 0, b, sizeof(b));
-}
-
-/* Message 5 with the layout above, and the four cause IDs (types 4 to 7 on
- * vCPUs 1 to 4); 1 when both were acknowledged with 0. */
-static int wlan_setup(void) {
-  static const uint32_t causes[12] = {C_CAPWAP, 4, 1, C_KA, 5, 2, C_MAC, 6, 3, C_PORT, 7, 4};
-  uint32_t rec[22] = {0}, msg[2 + 12] = {6, 4};
-  int fd = nl_open(PROTO_NORMAL), ok;
-
-  rec[1] = WLAN_HEAD; /* ulMacOffset */
-  rec[5] = 0x8899;    /* ulVpEthType */
-  rec[7] = rec[15] = WLAN_ETHNUM;
-  rec[8] = ECM_ETHNUM;
-  rec[9] = 100; /* no VP interface */
-  rec[18] = 99;
-  rec[10] = 1; /* dispatch on */
-  rec[12] = rec[17] = 16;
-  rec[16] = 14;
-  rec[20] = 1; /* ulIsNoHgHdr */
-  memcpy(msg + 2, causes, sizeof(causes));
-  ok = fd >= 0 && ctrl_ack(fd, MID_OFFSET, rec, sizeof(rec)) == 0 &&
-       ctrl_ack(fd, MID_WLAN_LB, msg, sizeof(msg)) == 0;
-  if (fd >= 0) close(fd);
-  return ok;
-}
-
-/* Every table changes without pause: CAPWAP and keep-alive entries added,
- * updated and deleted, socket ports replaced and deleted, the NAC list
- * reloaded (which resets the CoA entries), the Portal entry rewritten. */
-static void wlan_writer(long end) {
-  int fd = nl_open(PROTO_NORMAL);
-  unsigned long sent = 0;
-
-  if (fd < 0) _exit(1);
-  for (uint32_t i = 0; now_ms() < end; i++) {
-    uint16_t port = (uint16_t)(30000 + i % 32);
-
-    sent += capwap(fd, SIP + 1 + i % 64, 1 + i % 60, 1) == 0;
-    sent += capwap(fd, SIP, 12 + i % 2, 1) == 0;
-    sent += capwap(fd, SIP + 1 + (i + 32) % 64, 0, 2) == 0;
-    sent += keepalive(fd, 7 + i % 2, i % 3 == 2 ? 2 : 1) == 0;
-    sent += socket_port(fd, port, i & 1, 3, 1) == 0;
-    sent += socket_port(fd, (uint16_t)(port - 7), i & 1, 3, 2) == 0;
-    sent += nac(fd, i, (uint16_t)(1 + i % 16)) == 0;
-    sent += portal(fd, 8080, 3 + i % 2) == 0;
-    nl_drain(fd);
-  }
-  finish(sent);
-}
-
-/* A multi-core IPv4 UDP packet of the cause ID from SIP to DIP with the
- * ports and `plen` bytes of `payload`. */
-static uint32_t wlan_udp(uint8_t* buf, uint16_t cause, uint16_t sport, uint16_t dport,
-                         const uint8_t* payload, uint32_t plen) {
-  static const uint8_t eth[14] = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x00,
-                                  0x00, 0x5e, 0x00, 0x01, 0x02, 0x08, 0x00};
-  uint8_t* p = buf + PREFIX_LEN + WLAN_HEAD;
-  uint32_t l4 = 8 + plen;
-
-  memset(buf, 0, PREFIX_LEN + WLAN_HEAD + 14 + 20 + l4);
-  prefix(buf, 1, WLAN_ETHNUM);
-  buf[PREFIX_LEN + 18] = (uint8_t)(cause >> 5);
-  buf[PREFIX_LEN + 19] = (uint8_t)(cause << 3);
-  memcpy(p, eth, 14);
-  p[14] = 0x45;
-  p[16] = (uint8_t)((20 + l4) >> 8);
-  p[17] = (uint8_t)(20 + l4);
-  p[22] = 64;
-  p[23] = 17;
-  put32(p + 26, __builtin_bswap32(SIP));
-  put32(p + 30, __builtin_bswap32(DIP));
-  p[34] = (uint8_t)(sport >> 8);
-  p[35] = (uint8_t)sport;
-  p[36] = (uint8_t)(dport >> 8);
-  p[37] = (uint8_t)dport;
-  p[38] = (uint8_t)(l4 >> 8);
-  p[39] = (uint8_t)l4;
-  memcpy(p + 42, payload, plen);
-  return PREFIX_LEN + WLAN_HEAD + 14 + 20 + l4;
-}
-
-/* A packet for one of the tables the writer changes: CAPWAP, a keep-alive
- * carrying `session`, AAA by MAC, Portal or CoA, a socket port. */
-static uint32_t make_wlan_packet(uint8_t* buf) {
-  static const uint8_t zero[20];
-  uint8_t ka[30] = {0x00, 0x10, 0x00, 0x08, 0, 0, 0, 0, 0, 22, 0, 35, 0, 16};
-
-  switch (rnd() % 5) {
-    case 0:
-      return wlan_udp(buf, C_CAPWAP, 5246, 5247, zero, sizeof(zero));
-    case 1:
-      memcpy(ka + 14, session, 16);
-      return wlan_udp(buf, C_KA, 5247, 5247, ka, sizeof(ka));
-    case 2:
-      return wlan_udp(buf, C_MAC, 68, 67, zero, sizeof(zero));
-    case 3:
-      return wlan_udp(buf, C_PORT, 40000, rnd() & 1 ? COA_PORT : 8080, zero, sizeof(zero));
-    default:
-      return wlan_udp(buf, C_PORT, 1812, (uint16_t)(30000 + rnd() % 32), zero, sizeof(zero));
-  }
-}
-
 static void packet_writer(int cpu, long end) {
   static uint8_t buf[8 + 10200];
   unsigned long sent = 0;
@@ -408,7 +218,7 @@ static void packet_writer(int cpu, long end) {
   fd = open(DRVSIM_SEND, O_WRONLY);
   if (fd < 0) _exit(1);
   while (now_ms() < end) {
-    uint32_t len = wlan_mix ? make_wlan_packet(buf + 8) : make_packet(buf + 8, sizeof(buf) - 8);
+    uint32_t len = make_packet(buf + 8, sizeof(buf) - 8);
 
     put32(buf, rnd() & 1);     /* netlink_send_msg or netlink_fastsend_msg */
     put32(buf + 4, rnd() % 4); /* the message type */
@@ -564,16 +374,11 @@ int main(int argc, char** argv) {
   int n = 0, bad = 0;
   long end;
 
-  if (argc < 3 || argc > 4 || (argc == 4 && strcmp(argv[3], "wlan") != 0)) {
-    fprintf(stderr, "usage: %s SECONDS LABEL [wlan]\n", argv[0]);
+  if (argc != 3) {
+    fprintf(stderr, "usage: %s SECONDS LABEL\n", argv[0]);
     return 2;
   }
   label = argv[2];
-  wlan_mix = argc == 4;
-  if (wlan_mix && !wlan_setup()) {
-    printf("VANE-FAIL stress-%s: the WLAN set-up was refused\n", label);
-    return 1;
-  }
   end = now_ms() + atol(argv[1]) * 1000L;
   rng_state = 0x9e3779b97f4a7c15ull ^ (uint64_t)getpid();
   for (int i = 0; i < 6; i++) {
@@ -591,7 +396,6 @@ int main(int argc, char** argv) {
           worker(end + 500);
           break;
         case 3:
-          if (wlan_mix) wlan_writer(end);
           control(end);
           break;
         case 4:
