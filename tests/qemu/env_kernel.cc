@@ -39,7 +39,8 @@ std::string g_target;
 
 std::string Errno(int e) { return std::strerror(e < 0 ? -e : e); }
 
-// Reads a whole small file: its bytes, or nullopt (*error: -errno).
+// Reads a file `chunk` bytes at a time until a read returns 0: its bytes,
+// or nullopt (*error: -errno).
 std::optional<Bytes> ReadFile(const std::string& path, size_t chunk, long* error) {
   if (error != nullptr) *error = 0;
   const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
