@@ -1,7 +1,8 @@
 #!/bin/bash
-# Builds kbndsafe.ko, drv_vane.ko, vane_drvsim.ko and the statically linked
-# scenario programs, boots a kernel under qemu with them in an initramfs, and
-# judges the serial log.
+# Builds kbndsafe.ko, drv_vane.ko, vane_drvsim.ko, the shared scenario suite
+# as the statically linked vane_scenarios (tests/qemu/guest.mk) and the
+# stress, boots a kernel under qemu with them in an initramfs, and judges the
+# serial log.
 #
 #   tests/qemu/run.sh x86_64|arm64      Debian's own kernel
 #   tests/qemu/run.sh kasan|kcsan       an x86_64 debug kernel built from
@@ -11,6 +12,9 @@
 #   tests/qemu/run.sh kasan|kcsan BUG   boots once with vane_bugplant.ko
 #                                       planting BUG, and requires the
 #                                       detector's report
+#
+# VANE_FILTER=<GoogleTest filter> runs only those scenarios (for work on
+# one of them).
 #
 # Fails (exit 1) on a failed check, on a missing verdict, and on any Oops,
 # BUG, WARNING, call trace, panic or debug-kernel report in the log. Output
@@ -108,9 +112,10 @@ t0=$(now)
 make -s -C "$repo/kport/linux" ARCH=$karch "${make_args[@]}"
 kmod=$repo/build/kmod/$([ "$karch" = arm64 ] && echo arm64 || echo x86_64)
 case $target in kasan | kcsan) kmod=$kmod-$target ;; esac
-for prog in scenarios stress wlan; do
-    $cc -static -O2 -Wall -Wextra -Werror -o "$out/vane_$prog" "$here/$prog.c"
-done
+guest_arch=$([ "$karch" = arm64 ] && echo arm64 || echo x86_64)
+make -s -j2 -f "$here/guest.mk" ARCH=$guest_arch
+scenarios=$repo/build/qemu-guest/$guest_arch/vane_scenarios
+$cc -static -O2 -Wall -Wextra -Werror -o "$out/vane_stress" "$here/stress.c"
 # libvane and vanectl against the real module: x86_64 guests only, linked
 # dynamically against the host's libraries, which go into the guest too.
 guest_dyn=()
@@ -118,7 +123,7 @@ if [ "$karch" = x86 ]; then
     hostbuild=${VANE_HOST_BUILD:-$repo/build/default}
     [ -f "$hostbuild/build.ninja" ] || (cd "$repo" && cmake --preset default >/dev/null)
     cmake --build "$hostbuild" --target vane vanectl >/dev/null
-    g++ -std=gnu++20 -O2 -Wall -Wextra -Werror -Wno-missing-field-initializers -I "$here" \
+    g++ -std=gnu++20 -O2 -Wall -Wextra -Werror -Wno-missing-field-initializers \
         -I "$repo/sdk/include" -o "$out/vane_libvane" "$here/libvane.cc" \
         "$hostbuild/sdk/libvane.a" -lmnl
     guest_dyn=("$out/vane_libvane" "$hostbuild/tools/vanectl/vanectl")
@@ -129,7 +134,7 @@ rootfs=$out/rootfs
 rm -rf "$rootfs"
 mkdir -p "$rootfs"/{bin,dev,proc,sys,tmp,lib/vane}
 cp "$busybox" "$rootfs/bin/busybox"
-cp "$out/vane_scenarios" "$out/vane_stress" "$out/vane_wlan" "$rootfs/bin/"
+cp "$scenarios" "$out/vane_stress" "$rootfs/bin/"
 install -m 755 "$here/init.sh" "$rootfs/init"
 for bin in "${guest_dyn[@]}"; do
     cp "$bin" "$rootfs/bin/"
@@ -153,17 +158,23 @@ mknod "$rootfs/dev/console" c 5 1 2>/dev/null || true
 t1=$(now)
 status=0
 timeout $limit "${qemu[@]}" -m $mem -smp $smp -kernel "$kimage" -initrd "$out/initramfs.cpio.gz" \
-    -append "console=$console loglevel=5 panic=-1 $append" -nographic -no-reboot \
+    -append "console=$console loglevel=5 panic=-1 vane.target=$target ${VANE_FILTER:+vane.filter=$VANE_FILTER} $append" -nographic -no-reboot \
     </dev/null >"$out/serial.log" 2>&1 || status=$?
 boot_time=$(secs "$t1")
 
 log=$out/serial.txt
 tr -d '\r' <"$out/serial.log" >"$log"
-grep -E '^VANE-(PASS|FAIL)|^vane-' "$log" || true
+grep -E '^VANE-(PASS|FAIL|SKIP)|^vane-' "$log" || true
 
 passes=$(grep -c '^VANE-PASS ' "$log" || true)
 fails=$(grep -c '^VANE-FAIL ' "$log" || true)
+skips=$(grep -c '^VANE-SKIP ' "$log" || true)
 verdict=ok
+# The scenario program's closing count: without it, it died on the way.
+if [ -z "$bug" ] && ! grep -qE "^$target: [0-9]+ passed, [0-9]+ failed, [0-9]+ skipped\$" "$log"; then
+    echo "run: vane_scenarios did not finish (no closing count in $out/serial.log)" >&2
+    verdict=bad
+fi
 if [ "$status" = 124 ]; then
     echo "run: qemu did not finish within ${limit}s" >&2
     verdict=bad
@@ -184,17 +195,17 @@ if [ -n "$bug" ]; then
     if grep -qE "$expect" "$log"; then
         echo "run: $bug planted, the kernel reported it:"
         grep -m1 -E "$expect" "$log"
-        passes=1 fails=0
+        passes=1 fails=0 skips=0
     else
         echo "run: $bug planted, but no report matching '$expect' in $out/serial.log" >&2
-        passes=0 fails=1
+        passes=0 fails=1 skips=0
     fi
 elif grep -nE "$reports" "$log" >&2; then
     echo "run: the kernel log above shows a fault" >&2
     verdict=bad
 fi
 
-echo "$name: $passes passed, $fails failed (build ${build_time}s, boot and tests ${boot_time}s)"
+echo "$name: $passes passed, $fails failed, $skips skipped (build ${build_time}s, boot and tests ${boot_time}s)"
 if [ $verdict = ok ] && [ "$fails" = 0 ] && [ "$passes" -gt 0 ]; then
     exit 0
 fi

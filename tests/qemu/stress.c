@@ -19,10 +19,30 @@
  * of it is in its log, which the harness judges.
  *
  * New control messages and files join the stress through the lists below. */
-#include "guest.h" /* first: it defines _GNU_SOURCE */
-
+#define _GNU_SOURCE
 #include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <linux/netlink.h>
+#include <poll.h>
 #include <sched.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#define PROTO_NORMAL 26
+#define PROTO_FAST 27
+#define MSG_TYPE 18
+#define MID_PID 0
+#define MID_OFFSET 5
+#define PREFIX_LEN 12
+#define MAX_MSG (16 + 8 + 10000 + 4)
+#define DRVSIM_SEND "/proc/vane_drvsim/send"
 
 /* Control message ids sent by the control process: registration, the
  * configuration record, debug commands, the handler of the driver stand-in,
@@ -60,6 +80,7 @@ static long now_ms(void) {
 }
 
 static const char* label = "";
+static char why[256];
 static const char* role = "";
 
 /* Ends a child: how much it did goes to the log (a stress that did little
@@ -68,6 +89,78 @@ static void finish(unsigned long work) {
   printf("vane-stress %s: %s did %lu operations\n", label, role, work);
   fflush(stdout);
   _exit(work > 0 ? 0 : 1);
+}
+
+static void put32(uint8_t* p, uint32_t v) { memcpy(p, &v, 4); }
+
+static void pattern(uint8_t* buf, uint32_t len, uint32_t seed) {
+  for (uint32_t i = 0; i < len; i++) buf[i] = (uint8_t)(i * 7u + seed);
+}
+
+/* Delivery prefix: word 0 (0 lets ICMP take the fast channel), ethNum. */
+static void prefix(uint8_t* buf, uint32_t word0, uint32_t ethnum) {
+  memset(buf, 0, PREFIX_LEN);
+  put32(buf, word0);
+  put32(buf + 8, ethnum);
+}
+
+/* ---- netlink ------------------------------------------------------------ */
+
+/* A socket of `proto` bound to this process's id, which is what control
+ * message 0 registers as the port id. */
+static int nl_open(int proto) {
+  struct sockaddr_nl sa = {.nl_family = AF_NETLINK, .nl_pid = (uint32_t)getpid()};
+  int fd = socket(AF_NETLINK, SOCK_RAW, proto);
+
+  if (fd >= 0 && bind(fd, (struct sockaddr*)&sa, sizeof(sa)) < 0) {
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+/* One control message asking for an acknowledgement: header, message id,
+ * payload-length field, payload. 0 when sent. */
+static int ctrl_send(int fd, uint32_t id, const void* payload, uint32_t size) {
+  static uint8_t buf[24 + 256];
+  static uint32_t seq;
+  struct nlmsghdr* h = (struct nlmsghdr*)buf;
+  struct sockaddr_nl kernel = {.nl_family = AF_NETLINK};
+
+  if (size > sizeof(buf) - 24) return -1;
+  h->nlmsg_len = 24 + size;
+  h->nlmsg_type = MSG_TYPE;
+  h->nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK;
+  h->nlmsg_seq = ++seq;
+  h->nlmsg_pid = (uint32_t)getpid();
+  put32(buf + 16, id);
+  put32(buf + 20, size);
+  if (size) memcpy(buf + 24, payload, size);
+  return sendto(fd, buf, h->nlmsg_len, 0, (struct sockaddr*)&kernel, sizeof(kernel)) < 0 ? -1 : 0;
+}
+
+/* Next message within `ms` milliseconds: its length, 0 on timeout, -errno. */
+static int nl_recv(int fd, uint8_t* buf, size_t cap, int ms) {
+  struct pollfd p = {.fd = fd, .events = POLLIN};
+  ssize_t n;
+
+  if (poll(&p, 1, ms) <= 0) return 0;
+  n = recv(fd, buf, cap, MSG_DONTWAIT);
+  return n < 0 ? -errno : (int)n;
+}
+
+/* Discards whatever is queued. */
+static void nl_drain(int fd) {
+  static uint8_t buf[MAX_MSG];
+
+  while (nl_recv(fd, buf, sizeof(buf), 0) != 0)
+    ;
+}
+
+static void register_pid(int fd, uint32_t channel, uint32_t vcpu) {
+  uint32_t p[2] = {channel, vcpu};
+
+  ctrl_send(fd, MID_PID, p, sizeof(p));
 }
 
 /* ---- packets ------------------------------------------------------------ */
@@ -178,7 +271,6 @@ static void control(long end) {
   static uint8_t payload[256];
   int fds[2] = {nl_open(PROTO_NORMAL), nl_open(PROTO_FAST)};
   unsigned long sent = 0;
-  uint32_t seq = 1;
 
   if (fds[0] < 0 || fds[1] < 0) _exit(1);
   while (now_ms() < end) {
@@ -201,8 +293,7 @@ static void control(long end) {
       put32(payload + 4, rnd() % 70);
       size = rnd() % 4 ? 8 : size;
     }
-    if (ctrl_send(fd, MSG_TYPE, NLM_F_REQUEST | NLM_F_ACK, seq++, id, size, payload, size) == 0)
-      sent++;
+    if (ctrl_send(fd, id, payload, size) == 0) sent++;
     nl_drain(fd);
   }
   finish(sent);

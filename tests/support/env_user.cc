@@ -219,6 +219,8 @@ class UserEnv : public Env {
 
 std::unique_ptr<Peer> UserPeerWithPid(uint32_t pid) { return std::make_unique<UserPeer>(pid); }
 
+Worker::Worker(uint32_t pid, size_t queue_limit) : Worker(UserPeerWithPid(pid), queue_limit) {}
+
 Env& Env::Get() {
   static UserEnv env;
   return env;

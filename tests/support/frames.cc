@@ -1,9 +1,5 @@
 #include "support/frames.h"
 
-#include "drv_vane/netlink.h"
-#include "drv_vane/steering.h"
-#include "drv_vane/timng.h"
-
 namespace vane::test {
 
 Bytes EcmFrame(uint32_t eth_num, uint8_t vcpu, const EcmFrameOptions& opt) {
@@ -44,22 +40,6 @@ BYPASS_PKT_OFFSET_S CascadeConfig() {
   cfg.ulVpInnerOffset = 16;
   cfg.ulVpFragInnerOffset = 16;
   return cfg;
-}
-
-void InstallBenchSteering() {
-  BYPASS_LB_TABLE_S t{};
-  t.ulEnable = 1;
-  t.ulVcpuId = 5;
-  t.ulCauseIdNum = 4;
-  t.ausCauseId[0] = 10;
-  t.ausCauseId[1] = 11;
-  t.ausCauseId[2] = 12;
-  t.ausCauseId[3] = 13;
-  t.usCauseIdMin = 100;
-  t.usCauseIdMax = 200;
-  bypass_set_ivo_lb_table(NETLINK_MID_IVO_LB, reinterpret_cast<u8*>(&t), sizeof(t));
-  TIMNG_KERNEL_MSG_S m{300, 7, 1, 0};
-  TIMNG_LB_InitKernel(NETLINK_MID_TIMNG, reinterpret_cast<u8*>(&m), sizeof(m));
 }
 
 Bytes KeepAlivePayload(uint32_t flags, uint16_t elen, uint16_t type, uint16_t len) {

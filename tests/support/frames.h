@@ -57,7 +57,8 @@ Bytes RecordBytes(const T& record, size_t len = sizeof(T)) {
 
 // The steering and TIMNG setup the benchmarks decide against: the ivo table
 // sends cause IDs 10..13 (list) and 100..200 (range) to vCPU 5; TIMNG, on a
-// master board, sends cause ID 300 to vCPU 7.
+// master board, sends cause ID 300 to vCPU 7. Calls the core directly
+// (core_direct.cc): user backend only.
 void InstallBenchSteering();
 
 }  // namespace vane::test

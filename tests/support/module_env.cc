@@ -102,8 +102,6 @@ const char* PowerName(Power p) {
 
 Worker::Worker(const Options& opt) : Worker(env().NewPeer(), opt.queue_limit) {}
 
-Worker::Worker(uint32_t pid, size_t queue_limit) : Worker(UserPeerWithPid(pid), queue_limit) {}
-
 Worker::Worker(std::unique_ptr<Peer> peer, size_t queue_limit) : peer_(std::move(peer)) {
   if (queue_limit != 0 && !env().Has(Power::kCountedQueues)) {
     ADD_FAILURE() << "a worker queue of " << queue_limit << " messages needs "

@@ -78,7 +78,7 @@ class Worker {
   Worker() : Worker(Options{}) {}
   explicit Worker(const Options& opt);
   // User backend only (a test of the backend or of internals): a worker
-  // with the given process id.
+  // with the given process id (defined by env_user.cc).
   explicit Worker(uint32_t pid, size_t queue_limit = 0);
   ~Worker();
   Worker(const Worker&) = delete;

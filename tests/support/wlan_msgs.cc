@@ -2,8 +2,6 @@
 
 #include <cstring>
 
-#include "drv_vane/netlink.h"
-
 namespace vane::test {
 namespace {
 
@@ -83,10 +81,6 @@ Bytes CauseIdMsg(const std::vector<WLAN_LB_CAUSEID_NODE_S>& nodes, std::optional
   if (!nodes.empty()) std::memcpy(body.data(), nodes.data(), body.size());
   return LbMessage(WLAN_LB_KERNEL_LB_SET_CAUSEIID,
                    count.value_or(static_cast<uint32_t>(nodes.size())), body);
-}
-
-void ApplyLb(const Bytes& msg) {
-  WLAN_LB_PacketDistribute_Proc(NETLINK_MID_WLAN_LB, msg.data(), static_cast<u32>(msg.size()));
 }
 
 }  // namespace vane::test

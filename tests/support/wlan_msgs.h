@@ -36,7 +36,7 @@ Bytes CauseIdMsg(const std::vector<WLAN_LB_CAUSEID_NODE_S>& nodes,
                  std::optional<uint32_t> count = std::nullopt);
 
 // Applies a message straight through the handler (no netlink), as the
-// benchmarks and unit tests do.
+// benchmarks and unit tests do (core_direct.cc): user backend only.
 void ApplyLb(const Bytes& msg);
 
 }  // namespace vane::test

@@ -41,7 +41,13 @@
  *   selector, more than DRVSIM_SEND_MAX bytes (-EINVAL); -EFAULT; -ENOMEM.
  *   The call is made with bottom halves disabled.
  *   A read returns "result=%u mark=0x%02x\n": the last capture call's
- *   result and the mark it wrote ("result=0 mark=0x00\n" before any). */
+ *   result and the mark it wrote ("result=0 mark=0x00\n" before any).
+ *
+ * /proc/vane_drvsim/call (read-write): one write(2) is one call, laid out
+ *   and refused as for send; a read of the same open file then returns that
+ *   call's result as result does ("0\n" before any call). Each open file
+ *   keeps its own result, so that callers on several processors at once
+ *   each learn their own; result shows the last call through either file. */
 #include <linux/atomic.h>
 #include <linux/bottom_half.h>
 #include <linux/delay.h>
@@ -92,12 +98,12 @@ static int drvsim_handler(void* payload, u32 len) {
   return 0;
 }
 
-static ssize_t drvsim_send_write(struct file* file, const char __user* ubuf, size_t count,
-                                 loff_t* pos) {
+/* One call laid out as for send: 0 and the call's result in *result, or
+ * -errno when it was refused without a call. */
+static int drvsim_send_call(const char __user* ubuf, size_t count, int* result) {
   u32 head[2];
   u32 len;
   u8* buf;
-  int ret;
 
   if (count < DRVSIM_HEADER || count > DRVSIM_SEND_MAX) return -EINVAL;
   if (copy_from_user(head, ubuf, sizeof(head))) return -EFAULT;
@@ -113,14 +119,49 @@ static ssize_t drvsim_send_write(struct file* file, const char __user* ubuf, siz
 
   local_bh_disable();
   if (head[0] == 0)
-    ret = netlink_send_msg(head[1], buf, len);
+    *result = netlink_send_msg(head[1], buf, len);
   else
-    ret = netlink_fastsend_msg(head[1], buf, len);
+    *result = netlink_fastsend_msg(head[1], buf, len);
   local_bh_enable();
 
-  WRITE_ONCE(drvsim_result, ret);
+  WRITE_ONCE(drvsim_result, *result);
   kvfree(buf);
-  return count;
+  return 0;
+}
+
+static ssize_t drvsim_send_write(struct file* file, const char __user* ubuf, size_t count,
+                                 loff_t* pos) {
+  int result;
+  int ret = drvsim_send_call(ubuf, count, &result);
+
+  return ret ? ret : count;
+}
+
+static int drvsim_call_open(struct inode* inode, struct file* file) {
+  int* result = kzalloc(sizeof(*result), GFP_KERNEL);
+
+  if (!result) return -ENOMEM;
+  file->private_data = result;
+  return 0;
+}
+
+static int drvsim_call_release(struct inode* inode, struct file* file) {
+  kfree(file->private_data);
+  return 0;
+}
+
+static ssize_t drvsim_call_write(struct file* file, const char __user* ubuf, size_t count,
+                                 loff_t* pos) {
+  int ret = drvsim_send_call(ubuf, count, file->private_data);
+
+  return ret ? ret : count;
+}
+
+static ssize_t drvsim_call_read(struct file* file, char __user* ubuf, size_t count, loff_t* pos) {
+  char text[16];
+  int n = scnprintf(text, sizeof(text), "%d\n", *(int*)file->private_data);
+
+  return simple_read_from_buffer(ubuf, count, pos, text, n);
 }
 
 static ssize_t drvsim_result_read(struct file* file, char __user* ubuf, size_t count, loff_t* pos) {
@@ -215,6 +256,13 @@ static const struct proc_ops drvsim_handler_ops = {
     .proc_read = drvsim_handler_read,
 };
 
+static const struct proc_ops drvsim_call_ops = {
+    .proc_open = drvsim_call_open,
+    .proc_release = drvsim_call_release,
+    .proc_read = drvsim_call_read,
+    .proc_write = drvsim_call_write,
+};
+
 static const struct proc_ops drvsim_capture_ops = {
     .proc_read = drvsim_capture_read,
     .proc_write = drvsim_capture_write,
@@ -228,7 +276,8 @@ static int __init drvsim_init(void) {
   if (!proc_create("send", 0200, drvsim_dir, &drvsim_send_ops) ||
       !proc_create("result", 0444, drvsim_dir, &drvsim_result_ops) ||
       !proc_create("handler", 0444, drvsim_dir, &drvsim_handler_ops) ||
-      !proc_create("capture", 0644, drvsim_dir, &drvsim_capture_ops)) {
+      !proc_create("capture", 0644, drvsim_dir, &drvsim_capture_ops) ||
+      !proc_create("call", 0600, drvsim_dir, &drvsim_call_ops)) {
     remove_proc_subtree(DRVSIM_DIR, NULL);
     return -ENOMEM;
   }
