@@ -29,6 +29,12 @@ TEST_F(InternalsTest, CountsOutOfRangeAreDroppedAndTheImageHoldsTheLastRead) {
   EXPECT_EQ(g_bypassPktCounts[959], 1u);
   ASSERT_EQ(env().Write("/proc/bypassDebug/counts", {0}), 1);
   EXPECT_EQ(g_bypassPktCounts[959], 0u);
+  // A reload starts with an empty image, whatever the last read left.
+  count_packet(959);
+  ASSERT_EQ(Counters()[959], 1u);
+  env().Unload();
+  ASSERT_EQ(env().Load(), 0);
+  EXPECT_EQ(g_bypassPktCounts[959], 0u);
 }
 
 TEST_F(InternalsTest, TextsThatDoNotFitAreCutShortWithinTheTextArea) {

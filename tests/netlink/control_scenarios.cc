@@ -39,6 +39,9 @@ TEST_F(ControlTest, RegistrationFillsTheNamedChannelAndSlotOnly) {
   // nothing changes.
   EXPECT_EQ(w.Register(kNormal, 64), 0);
   EXPECT_EQ(w.Register(28, 1), 0);
+  // vCPU receivers alone do not make a channel ready.
+  EXPECT_EQ(env().Deliver(2, Bytes(40, 1)), -77);
+  EXPECT_EQ(env().Deliver(2, Bytes(40, 1), /*fast=*/true), -77);
   env().ClearLog();
   ASSERT_EQ(ops.Debug(18), 0);
   std::vector<std::string> texts;
@@ -190,6 +193,36 @@ TEST_F(ControlTest, MessagesTooShortForTheirIdAreRefused) {
   // Real bytes count, not the length field: 88 bytes with a field of 0.
   EXPECT_EQ(w.Control(5, on, kNormal, {.len_field = 0}), 0);
   EXPECT_EQ(env().Deliver(1, Ecm(5)), -77);  // dispatch on, vCPU 5 absent
+  EXPECT_EQ(env().Read("/proc/bypassDebug/ivo"), Bytes(296, 0));
+}
+
+// A whole steering table is taken, shown by the ivo view (which takes
+// 4-byte writes only) and printed by debug command 20.
+TEST_F(ControlTest, SteeringTablesAreShownAndPrinted) {
+  Worker w;
+  Bytes table(60, 0);
+  table[0] = 1;    // enabled
+  table[8] = 5;    // vCPU
+  table[12] = 2;   // two cause IDs: 40, 41
+  table[16] = 40;  // and the range 200..210
+  table[18] = 41;
+  table[56] = 200;
+  table[58] = 210;
+  ASSERT_EQ(w.Control(11, table), 0);
+  const Bytes view = env().Read("/proc/bypassDebug/ivo").value_or(Bytes{});
+  ASSERT_EQ(view.size(), 296u);
+  EXPECT_EQ(Bytes(view.begin(), view.begin() + 60), table);
+  EXPECT_EQ(env().Write("/proc/bypassDebug/ivo", {0}), -22);
+  EXPECT_EQ(env().Write("/proc/bypassDebug/ivo", {0, 0, 0, 0}), 4);
+  env().ClearLog();
+  ASSERT_EQ(w.Debug(20), 0);
+  const std::vector<std::string> log = LogTexts();
+  ASSERT_FALSE(log.empty());
+  EXPECT_EQ(Occurrences(log[0], "********ivo lb table***********"), 1u) << log[0];
+  size_t deteption = 0;
+  for (const std::string& t : log)
+    deteption += Occurrences(t, "********deteption lb table***********");
+  EXPECT_EQ(deteption, 1u);
 }
 
 constexpr uint32_t kRounds = 60;  // per sender: each receiver's share fits its queue
@@ -225,6 +258,7 @@ TEST_F(ControlTest, PacketsControlMessagesAndReadersTogether) {
         EXPECT_EQ(w.Register(kNormal, 7), 0);
         EXPECT_EQ(w.Debug(11), 0);
         EXPECT_EQ(w.Debug(2), 0);
+        EXPECT_EQ(w.Control(3, {1, 2, 3}), 0);
       }
     });
   }
@@ -251,6 +285,7 @@ TEST_F(ControlTest, PacketsControlMessagesAndReadersTogether) {
   }
   EXPECT_EQ(vcpu5.Pending(), size_t{3 * kRounds});
   EXPECT_EQ(def.Pending(), size_t{3 * kRounds});
+  EXPECT_EQ(env().Handler().calls, 2u * kControlRounds);
   // Three trace lines per control round, none broken.
   const std::string line = "\r\nNETLINK_MID_OFFSET.";
   std::string whole;

@@ -68,15 +68,6 @@ TEST_F(DeliveryTest, ArgumentsOutsideTheirRangesAreRefused) {
   EXPECT_GT(Send(1, 1), 0);
 }
 
-TEST_F(DeliveryTest, ChannelsWithoutADefaultReceiverAreNotReady) {
-  Worker w;
-  // vCPU receivers alone do not make a channel ready.
-  ASSERT_EQ(w.Register(kNormal, 4), 0);
-  EXPECT_EQ(Send(2, 40), -77);
-  EXPECT_EQ(env().Deliver(2, Bytes(40, 1), /*fast=*/true), -77);
-  EXPECT_EQ(w.Pending(kNormal), 0u);
-}
-
 TEST_F(DeliveryTest, AClosedOrFullReceiverFailsTheDelivery) {
   {
     Worker gone;

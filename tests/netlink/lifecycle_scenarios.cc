@@ -40,27 +40,19 @@ class Lifecycle : public ::testing::Test {
   bool loaded_ = false;
 };
 
-TEST_F(Lifecycle, LoadCreatesTheFilesAndUnloadRemovesTheProtocols) {
-  Load();
-  const std::pair<const char*, uint32_t> modes[] = {{"counts", 0666},       {"debug", 0666},
-                                                    {"catchPkt", 0666},     {"hashInfoIpv4", 0444},
-                                                    {"hashInfoIpv6", 0444}, {"ivo", 0666}};
-  for (auto [name, mode] : modes)
-    EXPECT_EQ(env().Mode(std::string("/proc/bypassDebug/") + name), mode);
-  EXPECT_EQ(env().Read("/proc/bypassDebug/debug"), Bytes(32768, 0));
-  Unload();
-  auto peer = env().NewPeer();
-  EXPECT_EQ(peer->Open(kNormal), nullptr);
-  EXPECT_EQ(peer->Open(kFast), nullptr);
-}
-
-// The traces of a busy module (registrations, configuration, debug
-// settings and level, steering and TIMNG tables, counts, an armed capture)
-// are all gone after a reload.
+// Each load creates the files, with their modes; the traces of a busy
+// module (registrations, configuration, debug settings and level, steering
+// and TIMNG tables, counts, an armed capture) are all gone after a reload;
+// an unload takes the protocols away.
 TEST_F(Lifecycle, EveryLoadStartsFromTheLoadTimeState) {
   for (int round = 0; round < 2; ++round) {
     SCOPED_TRACE(round);
     Load();
+    const std::pair<const char*, uint32_t> modes[] = {
+        {"counts", 0666},       {"debug", 0666},        {"catchPkt", 0666},
+        {"hashInfoIpv4", 0444}, {"hashInfoIpv6", 0444}, {"ivo", 0666}};
+    for (auto [name, mode] : modes)
+      EXPECT_EQ(env().Mode(std::string("/proc/bypassDebug/") + name), mode);
     {
       Worker w;
       EXPECT_EQ(env().Deliver(2, Bytes(64, 0xEE)), -77);
@@ -103,6 +95,10 @@ TEST_F(Lifecycle, EveryLoadStartsFromTheLoadTimeState) {
     }
     Unload();
   }
+  // Once the module is gone, its protocols cannot be opened.
+  auto peer = env().NewPeer();
+  EXPECT_EQ(peer->Open(kNormal), nullptr);
+  EXPECT_EQ(peer->Open(kFast), nullptr);
 }
 
 // Fails each allocation of start-up in turn: the sockets first (-12), then
