@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "support/capture_env.h"
 #include "support/env.h"
 #include "support/frames.h"
 #include "support/module_env.h"
@@ -103,21 +104,6 @@ TEST_F(DebugTest, DebugFileWritesClearTheTextAndSetTheLevelFromFourBytes) {
   EXPECT_EQ(DebugText(), "");
 }
 
-TEST_F(DebugTest, AFailedLevelCopyIsReportedAndKeepsTheLevel) {
-  VANE_REQUIRE(Power::kFaultInjection);
-  Worker w;
-  SetDebugLevel(1);
-  ASSERT_EQ(w.Debug(0), 0);
-  env().ClearLog();
-  env().FailNth(FaultSite::kCopyFromUser, 1);
-  EXPECT_EQ(env().Write("/proc/bypassDebug/debug", {4, 0, 0, 0}), -1);
-  ASSERT_EQ(env().Log().size(), 1u);
-  EXPECT_EQ(env().Log()[0].text, "\r\nErr: bypass copy from user failed.\r");
-  EXPECT_EQ(DebugText(), "");  // the text goes before the copy
-  ASSERT_EQ(w.Debug(0), 0);
-  EXPECT_EQ(DebugText(), kOffsetLine);  // level 1 still
-}
-
 TEST_F(DebugTest, CountsReadInAnyPiecesAndClearOnAnyWrite) {
   const std::string file = "/proc/bypassDebug/counts";
   Worker w;
@@ -145,16 +131,42 @@ TEST_F(DebugTest, CountsReadInAnyPiecesAndClearOnAnyWrite) {
   EXPECT_EQ(Counters(), std::vector<uint32_t>(960, 0));
 }
 
-TEST_F(DebugTest, FailedCountsReadsReturnTheirError) {
+// Failed copies and allocations in the files' handlers: each call reports
+// its error, copy faults in writes are logged, and nothing is lost.
+TEST_F(DebugTest, FailedCopiesAndAllocationsInTheFilesLoseNothing) {
   VANE_REQUIRE(Power::kFaultInjection);
+  const std::string counts = "/proc/bypassDebug/counts", debug = "/proc/bypassDebug/debug",
+                    catch_pkt = "/proc/bypassDebug/catchPkt";
+  const std::string copy_failed = "\r\nErr: bypass copy from user failed.\r";
+  Worker w;
+  SetDebugLevel(1);
+  ASSERT_EQ(w.Debug(0), 0);
+  ASSERT_EQ(ArmCapture(CaptureBlock(5), 0x10, 4), 100);
+  uint8_t mark = 0;
+  ASSERT_EQ(env().CatchPkt(CaptureFrame(1), 1, &mark, 0), 1u);
   long error = 0;
-  env().FailNth(FaultSite::kCopyToUser, 1);
-  EXPECT_FALSE(env().ReadAt("/proc/bypassDebug/counts", 0, 64, &error).has_value());
-  EXPECT_EQ(error, -14);
-  env().FailNth(FaultSite::kAlloc, 1);
-  EXPECT_FALSE(env().ReadAt("/proc/bypassDebug/counts", 0, 64, &error).has_value());
-  EXPECT_EQ(error, -12);
-  EXPECT_EQ(Counters().size(), 960u);
+  const std::pair<FaultSite, std::string> reads[] = {{FaultSite::kCopyToUser, counts},
+                                                     {FaultSite::kAlloc, counts},
+                                                     {FaultSite::kAlloc, catch_pkt}};
+  for (const auto& [site, file] : reads) {
+    env().FailNth(site, 1);
+    EXPECT_FALSE(env().ReadAt(file, 0, 2880, &error).has_value()) << file;
+    EXPECT_EQ(error, site == FaultSite::kAlloc ? -12 : -14) << file;
+  }
+  for (const std::string& file : {debug, catch_pkt}) {
+    env().ClearLog();
+    env().FailNth(FaultSite::kCopyFromUser, 1);
+    EXPECT_EQ(env().Write(file, Bytes(100, 0xAB)), -1) << file;
+    EXPECT_EQ(LogTexts(), std::vector<std::string>{copy_failed}) << file;
+  }
+  // The debug text goes before the copy; the level stays 1. Capture goes
+  // on as armed, and the capture read before is still in the store.
+  EXPECT_EQ(DebugText(), "");
+  ASSERT_EQ(w.Debug(0), 0);
+  EXPECT_EQ(DebugText(), kOffsetLine);
+  EXPECT_EQ(env().CatchPkt(CaptureFrame(2), 1, &mark, 0), 1u);
+  EXPECT_EQ(mark, 0x81);
+  EXPECT_EQ(UsedEntries(ReadCaptureStore()).size(), 2u);
 }
 
 // The self-test messages' cause ID (packet bytes 18-19, the chip header
