@@ -39,6 +39,7 @@ int g_calls = 0;
 int Count(void*, uint32_t) { return ++g_calls; }
 
 TEST_F(ExportsTest, HandlerRegistrationRulesAndFixedRoutes) {
+  g_calls = 0;
   Worker w;
   for (int id : {0, 16, -1}) EXPECT_EQ(netlink_connect(id, Count), -22) << id;
   EXPECT_EQ(netlink_disconnect(0), -22);
