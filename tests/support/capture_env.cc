@@ -2,11 +2,9 @@
 
 #include <cstring>
 
-#include "kport/user/testing.h"
+#include "support/module_env.h"
 
 namespace vane::test {
-
-namespace vfs = kport::user::vfs;
 
 BYPASS_PKT_RECORD_CTRL_S CaptureBlock(uint16_t total, uint32_t filters) {
   BYPASS_PKT_RECORD_CTRL_S b{};
@@ -22,15 +20,17 @@ long ArmCapture(const BYPASS_PKT_RECORD_CTRL_S& block, uint32_t mask, uint32_t s
   std::memcpy(bytes.data(), &mask, 4);
   std::memcpy(bytes.data() + 4, &slot, 4);
   std::memcpy(bytes.data() + 8, &block, sizeof(block));
-  return vfs::ProcWriteAll("/proc/bypassDebug/catchPkt", bytes);
+  return env().Write("/proc/bypassDebug/catchPkt", bytes);
 }
 
 std::vector<BYPASS_CATCH_PKT_S> ReadCaptureStore() {
-  std::vector<uint8_t> raw(BYPASS_CATCH_STORE_LEN);
-  int64_t pos = 0;
-  long n = vfs::ProcRead("/proc/bypassDebug/catchPkt", raw.data(), raw.size(), &pos);
+  // One read: each read empties the store, so a second could lose entries
+  // published in between.
+  const Bytes raw =
+      env().ReadAt("/proc/bypassDebug/catchPkt", 0, BYPASS_CATCH_STORE_LEN).value_or(Bytes{});
   std::vector<BYPASS_CATCH_PKT_S> store(BYPASS_CATCH_PKT_NUM);
-  if (n == static_cast<long>(raw.size())) std::memcpy(store.data(), raw.data(), raw.size());
+  EXPECT_EQ(raw.size(), size_t{BYPASS_CATCH_STORE_LEN});
+  if (raw.size() == BYPASS_CATCH_STORE_LEN) std::memcpy(store.data(), raw.data(), raw.size());
   return store;
 }
 

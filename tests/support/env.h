@@ -90,6 +90,8 @@ class Env {
   virtual bool Has(Power p) const = 0;
 
   // Loads the module into its load-time state; 0 or the start-up's -errno.
+  // A failed start-up must leave nothing behind, checked as by Unload.
+  // Faults armed before the call (FailNth) apply to the start-up.
   virtual int Load() = 0;
   // Unloads it and checks that nothing is left behind (sockets, files,
   // allocations); a residue fails the running test.

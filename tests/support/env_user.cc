@@ -85,12 +85,16 @@ class UserEnv : public Env {
   std::string Name() const override { return "user"; }
   bool Has(Power) const override { return true; }
 
+  // Faults armed before the call apply to the start-up itself; Unload
+  // clears them, so none are left from an earlier test.
   int Load() override {
-    ku::fault::ClearAll();
     ku::klog::Clear();
     live_before_ = ku::LiveAllocations();
     const int rc = vane_entry_init();
-    if (rc != 0) return rc;
+    if (rc != 0) {
+      ExpectNothingLeft("a failed start-up");
+      return rc;
+    }
     {
       std::lock_guard lock(g_handler_mu);
       g_handler = HandlerCalls{};
@@ -103,10 +107,8 @@ class UserEnv : public Env {
     ku::fault::ClearAll();
     EXPECT_EQ(netlink_disconnect(kHandlerId), 0);
     vane_entry_exit();
+    ExpectNothingLeft("unload");
     if (ku::clock::IsManual()) ku::clock::UseTimerThread();
-    EXPECT_EQ(ku::LiveAllocations(), live_before_) << "unload leaked allocations";
-    EXPECT_FALSE(ku::vfs::Exists("/proc/bypassDebug"));
-    EXPECT_EQ(ku::KernelSocketCount(), 0u);
   }
 
   std::unique_ptr<Peer> NewPeer() override { return std::make_unique<UserPeer>(next_pid_++); }
@@ -210,6 +212,13 @@ class UserEnv : public Env {
   unsigned long Hz() const override { return ku::clock::Hz(); }
 
  private:
+  void ExpectNothingLeft(const char* after) const {
+    EXPECT_EQ(ku::LiveAllocations(), live_before_) << after << " leaked allocations";
+    EXPECT_EQ(ku::clock::PendingTimers(), 0u) << after << " left a timer armed";
+    EXPECT_FALSE(ku::vfs::Exists("/proc/bypassDebug")) << after;
+    EXPECT_EQ(ku::KernelSocketCount(), 0u) << after;
+  }
+
   size_t live_before_ = 0;
   // Well away from the ids a test of the backend itself might pick.
   uint32_t next_pid_ = 40000;

@@ -189,6 +189,23 @@ void SetDebugLevel(uint32_t level) {
   ASSERT_EQ(env().Write("/proc/bypassDebug/debug", bytes), 4);
 }
 
+std::vector<std::string> LogTexts() {
+  std::vector<std::string> texts;
+  for (LogLine& l : env().Log()) texts.push_back(std::move(l.text));
+  return texts;
+}
+
+size_t Occurrences(const std::string& text, const std::string& part) {
+  size_t n = 0;
+  for (size_t p = text.find(part); p != std::string::npos; p = text.find(part, p + 1)) ++n;
+  return n;
+}
+
+uint16_t Ipv4FragmentRecords() {
+  const Bytes d = env().ReadAt("/proc/bypassDebug/hashInfoIpv4", 0, 2).value_or(Bytes{});
+  return d.size() == 2 ? static_cast<uint16_t>(d[0] | d[1] << 8) : 0xFFFF;
+}
+
 std::vector<uint32_t> Counters() {
   std::vector<uint8_t> bytes = env().Read("/proc/bypassDebug/counts").value_or(Bytes{});
   std::vector<uint32_t> counts(bytes.size() / 4);

@@ -140,6 +140,12 @@ inline Env& env() { return Env::Get(); }
 std::string DebugText();
 // Writes a level to /proc/bypassDebug/debug (clears the text).
 void SetDebugLevel(uint32_t level);
+// The texts of the kernel log's lines since the last load or ClearLog.
+std::vector<std::string> LogTexts();
+// How often `part` occurs in `text`.
+size_t Occurrences(const std::string& text, const std::string& part);
+// The record count that /proc/bypassDebug/hashInfoIpv4 states.
+uint16_t Ipv4FragmentRecords();
 // The 960 counters as /proc/bypassDebug/counts shows them.
 std::vector<uint32_t> Counters();
 // The counters that are not zero, by index.
