@@ -1,0 +1,324 @@
+// The host suites' shared support; see host_support.h.
+#include "host_support.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+#include "gtest/gtest.h"
+#include "vane/wire.h"
+
+extern char** environ;
+
+namespace vane::test {
+
+TempDir::TempDir() {
+  char tmpl[] = "/tmp/vane-test-XXXXXX";
+  if (mkdtemp(tmpl) == nullptr) throw std::runtime_error("mkdtemp failed");
+  path_ = tmpl;
+}
+
+TempDir::~TempDir() {
+  std::error_code ec;
+  std::filesystem::remove_all(path_, ec);
+}
+
+std::string ReadText(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+pid_t Start(const Command& cmd) {
+  // Everything the child needs is built before it exists.
+  std::vector<char*> argv;
+  for (const std::string& a : cmd.argv) argv.push_back(const_cast<char*>(a.c_str()));
+  argv.push_back(nullptr);
+  // The added entries come first, so that they win over inherited ones.
+  std::vector<char*> envp;
+  for (const std::string& e : cmd.env) envp.push_back(const_cast<char*>(e.c_str()));
+  for (char** e = environ; *e != nullptr; ++e) envp.push_back(*e);
+  envp.push_back(nullptr);
+  posix_spawn_file_actions_t fa;
+  posix_spawn_file_actions_init(&fa);
+  posix_spawn_file_actions_addopen(&fa, STDOUT_FILENO, cmd.stdout_path.c_str(),
+                                   O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  posix_spawn_file_actions_addopen(&fa, STDERR_FILENO, cmd.stderr_path.c_str(),
+                                   O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  pid_t pid = -1;
+  const int rc = posix_spawnp(&pid, argv[0], &fa, nullptr, argv.data(), envp.data());
+  posix_spawn_file_actions_destroy(&fa);
+  return rc == 0 ? pid : -1;
+}
+
+int Wait(pid_t pid) {
+  int status = 0;
+  if (pid <= 0 || waitpid(pid, &status, 0) != pid) return -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+int RunCommand(Command cmd, std::string* out) {
+  TempDir dir;
+  if (out != nullptr) cmd.stdout_path = dir / "stdout";
+  const int status = Wait(Start(cmd));
+  if (out != nullptr) *out = ReadText(cmd.stdout_path);
+  return status;
+}
+
+namespace {
+
+bool ReadFull(int fd, void* buf, size_t n) {
+  auto* p = static_cast<uint8_t*>(buf);
+  while (n > 0) {
+    const ssize_t got = read(fd, p, n);
+    if (got <= 0) return false;
+    p += got;
+    n -= static_cast<size_t>(got);
+  }
+  return true;
+}
+
+}  // namespace
+
+ForkedChild::ForkedChild(const std::function<int(ForkedChild&)>& body) {
+  if (pipe2(fds_, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+  pid_ = fork();
+  if (pid_ < 0) throw std::runtime_error("fork failed");
+  if (pid_ == 0) {
+    close(fds_[0]);
+    _exit(body(*this));
+  }
+  close(fds_[1]);
+  fds_[1] = -1;
+}
+
+ForkedChild::~ForkedChild() {
+  close(fds_[0]);
+  Wait();
+}
+
+bool ForkedChild::Report(const void* data, size_t len) {
+  const auto n = static_cast<uint32_t>(len);
+  return write(fds_[1], &n, sizeof(n)) == sizeof(n) &&
+         write(fds_[1], data, len) == static_cast<ssize_t>(len);
+}
+
+std::optional<Bytes> ForkedChild::Next() {
+  uint32_t n = 0;
+  if (!ReadFull(fds_[0], &n, sizeof(n))) return std::nullopt;
+  Bytes b(n);
+  if (!ReadFull(fds_[0], b.data(), b.size())) return std::nullopt;
+  return b;
+}
+
+int ForkedChild::Wait() {
+  if (pid_ > 0) {
+    status_ = vane::test::Wait(pid_);
+    pid_ = -1;
+  }
+  return status_;
+}
+
+namespace {
+
+DgramSocket::Addr PathAddr(const std::string& path) {
+  DgramSocket::Addr a;
+  a.sa.sun_family = AF_UNIX;
+  std::strncpy(a.sa.sun_path, path.c_str(), sizeof(a.sa.sun_path) - 1);
+  a.len = sizeof(a.sa);
+  return a;
+}
+
+}  // namespace
+
+DgramSocket::DgramSocket(const std::string& path)
+    : fd_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)), path_(path) {
+  // An address of just the family asks the kernel for an abstract one.
+  const Addr a = path.empty() ? Addr{{AF_UNIX, {}}, sizeof(sa_family_t)} : PathAddr(path);
+  if (fd_ < 0 || bind(fd_, reinterpret_cast<const sockaddr*>(&a.sa), a.len) != 0) {
+    throw std::runtime_error("cannot bind " + path + ": " + std::strerror(errno));
+  }
+}
+
+DgramSocket::~DgramSocket() {
+  close(fd_);
+  if (!path_.empty()) unlink(path_.c_str());
+}
+
+int DgramSocket::SendTo(const std::string& path, const void* data, size_t len) {
+  const Addr a = PathAddr(path);
+  const ssize_t n = sendto(fd_, data, len, 0, reinterpret_cast<const sockaddr*>(&a.sa), a.len);
+  return n < 0 ? -errno : static_cast<int>(n);
+}
+
+int DgramSocket::SendTo(const Addr& to, const Bytes& b) {
+  const ssize_t n =
+      sendto(fd_, b.data(), b.size(), 0, reinterpret_cast<const sockaddr*>(&to.sa), to.len);
+  return n < 0 ? -errno : static_cast<int>(n);
+}
+
+long DgramSocket::Receive(uint8_t* buf, size_t cap, Addr* from, int guard_ms) {
+  pollfd p{fd_, POLLIN, 0};
+  if (poll(&p, 1, guard_ms) != 1) return -1;
+  Addr ignored;
+  Addr* a = from != nullptr ? from : &ignored;
+  a->len = sizeof(a->sa);
+  return recvfrom(fd_, buf, cap, 0, reinterpret_cast<sockaddr*>(&a->sa), &a->len);
+}
+
+std::optional<Bytes> DgramSocket::Receive(Addr* from, int guard_ms) {
+  Bytes buf(VANE_WIRE_DGRAM_MAX * 2);
+  const long n = Receive(buf.data(), buf.size(), from, guard_ms);
+  if (n < 0) return std::nullopt;
+  buf.resize(static_cast<size_t>(n));
+  return buf;
+}
+
+bool DgramSocket::Ready() {
+  pollfd p{fd_, POLLIN, 0};
+  return poll(&p, 1, 0) == 1;
+}
+
+void LeaveStaleSocket(const std::string& path) {
+  const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  const DgramSocket::Addr a = PathAddr(path);
+  if (fd < 0 || bind(fd, reinterpret_cast<const sockaddr*>(&a.sa), a.len) != 0) {
+    throw std::runtime_error("cannot bind " + path);
+  }
+  close(fd);  // the file stays behind, as after a crash
+}
+
+uint32_t Le32(const uint8_t* p) {
+  uint32_t v;
+  std::memcpy(&v, p, 4);
+  return v;
+}
+
+Bytes NlMsg(uint16_t type, uint16_t flags, uint32_t seq, const Bytes& body) {
+  ByteWriter w;
+  w.u32(static_cast<uint32_t>(16 + body.size())).u16(type).u16(flags).u32(seq).u32(0).bytes(body);
+  return w.zeros((4 - w.b.size() % 4) % 4).b;
+}
+
+std::vector<Bytes> Messages(const Bytes& dgram) {
+  std::vector<Bytes> out;
+  for (size_t off = 0; off + 16 <= dgram.size();) {
+    const uint32_t len = Le32(&dgram[off]);
+    if (len < 16 || len > dgram.size() - off) break;
+    out.emplace_back(dgram.begin() + static_cast<long>(off),
+                     dgram.begin() + static_cast<long>(off + len));
+    off += (len + 3) & ~size_t{3};
+  }
+  return out;
+}
+
+Bytes AckOf(const Bytes& request, int error) {
+  const Bytes head(request.begin(), request.begin() + 16);
+  return NlMsg(2, 0, Le32(&request[8]),
+               ByteWriter().u32(static_cast<uint32_t>(error)).bytes(head).b);
+}
+
+Bytes PacketMsg(uint32_t type, const Bytes& data) {
+  return NlMsg(18, 0, 0,
+               ByteWriter().u32(type).u32(static_cast<uint32_t>(data.size())).bytes(data).b);
+}
+
+Bytes DefaultPacket(uint32_t n, size_t len) {
+  Bytes b(len);
+  for (size_t i = 0; i < len; ++i) b[i] = static_cast<uint8_t>(n * 31 + i);
+  b[0] = 1;  // a prefix word 0 other than 0 keeps it off the ICMP path
+  std::memcpy(b.data() + 4, &n, sizeof(n));
+  return b;
+}
+
+namespace {
+
+Bytes FileRequest(uint16_t type, const std::string& path, int64_t pos, uint32_t count,
+                  const Bytes& data, uint32_t seq) {
+  const auto len =
+      static_cast<uint32_t>(16 + sizeof(vane_wire_file_req) + path.size() + data.size());
+  ByteWriter w;
+  w.u32(len).u16(type).u16(1).u32(seq).u32(0);
+  w.u64(static_cast<uint64_t>(pos)).u32(count).u32(static_cast<uint32_t>(path.size()));
+  w.b.insert(w.b.end(), path.begin(), path.end());
+  return w.bytes(data).b;
+}
+
+}  // namespace
+
+Bytes FileRead(const std::string& path, int64_t pos, uint32_t count, uint32_t seq) {
+  return FileRequest(VANE_WIRE_FILE_READ, path, pos, count, {}, seq);
+}
+
+Bytes FileWrite(const std::string& path, int64_t pos, const Bytes& data, uint32_t seq) {
+  return FileRequest(VANE_WIRE_FILE_WRITE, path, pos, static_cast<uint32_t>(data.size()), data,
+                     seq);
+}
+
+Bytes FileReplyMsg(uint32_t seq, int64_t result, int64_t pos, const Bytes& data) {
+  ByteWriter body;
+  body.u64(static_cast<uint64_t>(result)).u64(static_cast<uint64_t>(pos)).bytes(data);
+  return NlMsg(VANE_WIRE_FILE_REPLY, 0, seq, body.b);
+}
+
+std::optional<FileReply> DecodeFileReply(const Bytes& msg) {
+  constexpr size_t kHead = 16 + sizeof(vane_wire_file_reply);
+  if (msg.size() < kHead || Le32(msg.data()) != msg.size() ||
+      (msg[4] | msg[5] << 8) != VANE_WIRE_FILE_REPLY) {
+    return std::nullopt;
+  }
+  vane_wire_file_reply body{};
+  std::memcpy(&body, msg.data() + 16, sizeof(body));
+  return FileReply{Le32(&msg[8]), body.result, body.pos, Bytes(msg.begin() + kHead, msg.end())};
+}
+
+InProcessDaemon::InProcessDaemon(const std::string& run_dir)
+    : run_dir_(run_dir.empty() ? dir_ / "run" : run_dir) {
+  host::DaemonOptions opt;
+  opt.run_dir = run_dir_;
+  opt.stats_path = dir_ / "stats.json";
+  opt.handle_signals = false;
+  daemon_ = std::make_unique<host::Daemon>(opt);
+  if (daemon_->Start() != 0) {
+    ADD_FAILURE() << "the daemon did not start";
+    return;
+  }
+  loop_ = std::thread([this] { result_ = daemon_->Run(); });
+}
+
+InProcessDaemon::~InProcessDaemon() { Stop(); }
+
+std::string InProcessDaemon::sock(int protocol) const {
+  return run_dir_ + "/" + (protocol == 27 ? VANE_WIRE_SOCK_FAST : VANE_WIRE_SOCK_NORMAL);
+}
+
+int InProcessDaemon::Deliver(uint32_t type, const Bytes& buf) {
+  Bytes copy = buf;
+  return daemon_->packet_out().Deliver(type, copy.data(), static_cast<uint32_t>(copy.size()));
+}
+
+int InProcessDaemon::Stop() {
+  if (!stopped_) {
+    stopped_ = true;
+    daemon_->RequestStop();
+    if (loop_.joinable()) loop_.join();
+  }
+  return result_;
+}
+
+nlohmann::json InProcessDaemon::FinalStats() {
+  EXPECT_EQ(Stop(), 0) << "the module's unload left allocations behind";
+  return nlohmann::json::parse(ReadText(dir_ / "stats.json"), nullptr, false);
+}
+
+}  // namespace vane::test
