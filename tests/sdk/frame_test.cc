@@ -7,8 +7,8 @@
 
 #include <vector>
 
-#include "fake_daemon.h"
 #include "frame.h"
+#include "host_support.h"
 #include "proc_netlink.h"
 
 namespace vane::test {

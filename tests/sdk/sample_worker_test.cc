@@ -1,16 +1,14 @@
-// The sample worker as a process: it registers, counts what it is sent, and
-// reports on SIGTERM.
+// The sample worker as a process served by vaned: it registers, counts what
+// it is sent, and reports on SIGTERM.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
+#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <string>
-#include <vector>
 
-#include "fake_daemon.h"
+#include "host_support.h"
 
 namespace vane::test {
 namespace {
@@ -20,7 +18,7 @@ namespace {
 // them out. frag_flags is the IPv4 flags/offset word.
 Bytes Buffer(uint8_t pkt_type, uint16_t frag_flags, uint16_t ip_id) {
   ByteWriter w;
-  w.zeros(12);
+  w.u32(1).zeros(8);
   w.zeros(2).u8(pkt_type).zeros(13);
   w.zeros(8);
   w.zeros(12).u8(0x08).u8(0x00);  // MACs, IPv4
@@ -32,35 +30,22 @@ Bytes Buffer(uint8_t pkt_type, uint16_t frag_flags, uint16_t ip_id) {
 }
 
 TEST(SampleWorkerTest, CountsAndReportsOnSigterm) {
-  FakeDaemon daemon;
-  const std::string report = daemon.dir() + "/report.json";
-  const std::string env_dir = "VANE_RUNDIR=" + daemon.dir();
-  std::vector<const char*> argv = {VANE_SAMPLE_WORKER, "--name",       "capwap", "--vcpus", "1,2",
-                                   "--report",         report.c_str(), nullptr};
-  std::vector<const char*> envp = {"VANE_TRANSPORT=unix", env_dir.c_str(), nullptr};
-  const pid_t pid = fork();
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {
-    execve(argv[0], const_cast<char**>(argv.data()), const_cast<char**>(envp.data()));
-    _exit(127);
-  }
-  const bool registered =
-      daemon.WaitFor([](const std::vector<Datagram>& ds) { return !ds.empty(); });
-  if (registered) {
-    const Datagram d = daemon.Received()[0];
-    daemon.SendTo(26, d.from, d.from_len, PacketMsg(2, Buffer(5, 0x2000, 0x1234)));  // first
-    daemon.SendTo(26, d.from, d.from_len, PacketMsg(2, Buffer(5, 0x0003, 0x1234)));  // last
-    daemon.SendTo(26, d.from, d.from_len, PacketMsg(1, Buffer(7, 0x4000, 0x9999)));  // DF only
-  }
+  InProcessDaemon d;
+  TempDir dir;
+  const pid_t pid = Start({.argv = {VANE_SAMPLE_WORKER, "--name", "capwap", "--default", "--report",
+                                    dir / "report.json", "--ready", dir / "ready"},
+                           .env = {"VANE_TRANSPORT=unix", "VANE_RUNDIR=" + d.run_dir()},
+                           .stderr_path = dir / "stderr"});
+  ASSERT_GT(pid, 0);
+  // A hang guard only: the worker says when it is registered.
+  for (int i = 0; i < 1000 && !std::filesystem::exists(dir / "ready"); ++i) usleep(10000);
+  EXPECT_GT(d.Deliver(2, Buffer(5, 0x2000, 0x1234)), 0);  // first fragment
+  EXPECT_GT(d.Deliver(2, Buffer(5, 0x0003, 0x1234)), 0);  // last
+  EXPECT_GT(d.Deliver(1, Buffer(7, 0x4000, 0x9999)), 0);  // DF only
   kill(pid, SIGTERM);
-  int status = 0;
-  ASSERT_EQ(waitpid(pid, &status, 0), pid);
-  ASSERT_TRUE(registered);
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+  ASSERT_EQ(Wait(pid), 0) << ReadText(dir / "stderr");
 
-  std::ifstream in(report);
-  const auto j = nlohmann::json::parse(in, nullptr, /*allow_exceptions=*/false);
+  const auto j = nlohmann::json::parse(ReadText(dir / "report.json"), nullptr, false);
   ASSERT_FALSE(j.is_discarded());
   EXPECT_EQ(j["name"], "capwap");
   EXPECT_EQ(j["packets"], 3);
