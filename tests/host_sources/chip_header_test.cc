@@ -60,6 +60,8 @@ TEST_F(SampleChipHeaderTest, CapwapGoesByAccessPointInBothTunnels) {
   EXPECT_EQ(last_[kStamp], 1);  // control
   EXPECT_EQ(Send(Udp("10.1.0.13", "10.0.0.1", 12223, 5247, Bytes(60, 0))), V{1});
   EXPECT_EQ(last_[kStamp], 2);  // data
+  // An access point the file does not name has no tunnel.
+  EXPECT_EQ(Send(Udp("10.1.0.99", "10.0.0.1", 12222, 5246, Bytes(40, 0))), V{kNormalDefault});
 }
 
 TEST_F(SampleChipHeaderTest, KeepAlivesGoBySessionNotByTunnel) {

@@ -3,15 +3,10 @@
 // worker of the sample gets its share, and the access points' tunnel traffic
 // (fragments and keep-alives included) reaches the worker of its access
 // point, never the default receiver.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 #include <yaml-cpp/yaml.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <functional>
 #include <map>
 #include <string>
@@ -19,6 +14,7 @@
 
 #include "drv_vane/netlink.h"
 #include "host/sources/factory.h"
+#include "host_support.h"
 #include "sample_module.h"
 
 namespace vane::test {
@@ -46,23 +42,6 @@ class ModuleOut : public host::PacketOut {
   std::function<std::vector<uint32_t>()> drain_;
 };
 
-// Runs a program with its standard output discarded; its exit status.
-int RunQuiet(std::vector<std::string> argv) {
-  posix_spawn_file_actions_t fa;
-  posix_spawn_file_actions_init(&fa);
-  posix_spawn_file_actions_addopen(&fa, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-  std::vector<char*> args;
-  args.reserve(argv.size() + 1);
-  for (std::string& a : argv) args.push_back(a.data());
-  args.push_back(nullptr);
-  pid_t pid = 0;
-  const int rc = posix_spawn(&pid, args[0], &fa, nullptr, args.data(), environ);
-  posix_spawn_file_actions_destroy(&fa);
-  int status = 0;
-  if (rc != 0 || waitpid(pid, &status, 0) != pid) return -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 // The access point (11..14) of a UDP datagram or fragment it sent to the
 // controller, or 0. `f` is the Ethernet frame.
 uint32_t FromAccessPoint(const Bytes& f) {
@@ -72,28 +51,17 @@ uint32_t FromAccessPoint(const Bytes& f) {
   return to_wlc && from_ap ? f[29] : 0;
 }
 
-class SampleReplayTest : public SampleModuleTest {
- protected:
-  void SetUp() override {
-    SampleModuleTest::SetUp();
-    char tmpl[] = "/tmp/vane-replay-XXXXXX";
-    dir_ = mkdtemp(tmpl);
-  }
-  void TearDown() override {
-    std::filesystem::remove_all(dir_);
-    SampleModuleTest::TearDown();
-  }
-  std::string dir_;
-};
+using SampleReplayTest = SampleModuleTest;
 
 TEST_F(SampleReplayTest, EveryFrameReachesTheWorkerTheSampleNames) {
-  if (std::string(VANE_SYSTEM_PYTHON).empty() ||
-      RunQuiet({VANE_SYSTEM_PYTHON, VANE_MAKE_CAPTURE, "--count", std::to_string(kFrames), "--out",
-                dir_ + "/sample.pcapng"}) != 0) {
-    GTEST_SKIP() << "cannot generate the sample capture (python3 with scapy)";
-  }
+  TempDir dir;
+  ASSERT_EQ(RunCommand({.argv = {VANE_SYSTEM_PYTHON, VANE_MAKE_CAPTURE, "--count",
+                                 std::to_string(kFrames), "--out", dir / "sample.pcapng"},
+                        .stderr_path = dir / "stderr"}),
+            0)
+      << ReadText(dir / "stderr");
   const YAML::Node cfg = YAML::LoadFile(VANE_SAMPLE_CONFIG);
-  host::SourceContext ctx{dir_, cfg["vaned"], dir_};
+  host::SourceContext ctx{dir.path(), cfg["vaned"], dir.path()};
   std::string err;
   auto src = host::MakeSource(cfg["vaned"]["sources"][0], ctx, &err);
   ASSERT_NE(src, nullptr) << err;

@@ -6,7 +6,6 @@
 #include <pcap/pcap.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 #include <yaml-cpp/yaml.h>
 
@@ -15,7 +14,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <mutex>
@@ -24,6 +22,7 @@
 #include <vector>
 
 #include "host/sources/factory.h"
+#include "host_support.h"
 #include "support/packet_builder.h"
 #include "vane/inject.h"
 
@@ -64,20 +63,6 @@ class Recorder : public host::PacketOut {
  private:
   std::mutex mu_;
   std::vector<Packet> got_;
-};
-
-class TempDir {
- public:
-  TempDir() {
-    char tmpl[] = "/tmp/vane-sources-XXXXXX";
-    path_ = mkdtemp(tmpl);
-  }
-  ~TempDir() { std::filesystem::remove_all(path_); }
-  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
 };
 
 Bytes Frame(uint8_t tag, size_t payload = 30) {
@@ -201,14 +186,7 @@ class InjectSourceTest : public ::testing::Test {
  protected:
   // One datagram to the socket at `path`.
   static void SendTo(const std::string& path, const Bytes& dgram) {
-    const int s = socket(AF_UNIX, SOCK_DGRAM, 0);
-    sockaddr_un a{};
-    a.sun_family = AF_UNIX;
-    std::strncpy(a.sun_path, path.c_str(), sizeof(a.sun_path) - 1);
-    EXPECT_EQ(sendto(s, dgram.data(), dgram.size(), 0, reinterpret_cast<sockaddr*>(&a), sizeof(a)),
-              static_cast<ssize_t>(dgram.size()))
-        << std::strerror(errno);
-    close(s);
+    EXPECT_EQ(DgramSocket().SendTo(path, dgram), static_cast<int>(dgram.size()));
   }
   static Bytes Dgram(uint32_t type, uint32_t len_field, size_t data_len, uint8_t fill = 0xAB) {
     Bytes d(sizeof(vane_wire_inject) + data_len, fill);
@@ -263,14 +241,8 @@ TEST_F(InjectSourceTest, StaleSocketsAreReplacedLiveOnesAndOtherFilesRefused) {
   EXPECT_EQ(MakeSourceFromArg("inject:" + path, ctx, &err), nullptr);
   EXPECT_NE(err.find("in use"), std::string::npos) << err;
 
-  // A socket file nobody listens on any more, as a crash leaves it.
-  const int s = socket(AF_UNIX, SOCK_DGRAM, 0);
-  sockaddr_un a{};
-  a.sun_family = AF_UNIX;
   const std::string stale = dir_ / "stale.sock";
-  std::strncpy(a.sun_path, stale.c_str(), sizeof(a.sun_path) - 1);
-  ASSERT_EQ(bind(s, reinterpret_cast<sockaddr*>(&a), sizeof(a)), 0);
-  close(s);
+  LeaveStaleSocket(stale);
   EXPECT_NE(FromArg("inject:" + stale, ctx), nullptr);
 
   std::ofstream(dir_ / "plain") << "not a socket";
