@@ -1,77 +1,19 @@
-// A pcapng file made from a known capture store, read back by tshark: the
-// frames, their lengths, their capture times to the nanosecond and the
-// event comments. tshark is one of the project's dependencies; without it
-// the test is skipped, not passed.
-#include <fcntl.h>
+// A pcapng file made from a known capture store, read back by tshark (one
+// of the project's dependencies): the frames, their lengths, their capture
+// times to the nanosecond and the event comments; and the filter options.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <array>
-#include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "capture_file.h"
+#include "host_support.h"
 #include "vanectl/images.h"
 
 namespace vane::test {
 namespace {
-
-class TempFile {
- public:
-  TempFile() {
-    std::array<char, 64> name{};
-    std::snprintf(name.data(), name.size(), "/tmp/vanectl-capture-XXXXXX");
-    const int fd = mkstemp(name.data());
-    EXPECT_GE(fd, 0);
-    if (fd >= 0) close(fd);
-    path_ = name.data();
-  }
-  ~TempFile() { std::remove(path_.c_str()); }
-  TempFile(const TempFile&) = delete;
-  TempFile& operator=(const TempFile&) = delete;
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
-
-// stdout of a program run without a shell, and its exit status (-1 when it
-// could not run); stderr is dropped (tshark warns when run as root).
-std::string Exec(const std::vector<std::string>& argv, int* status) {
-  int fds[2];
-  *status = -1;
-  if (pipe(fds) != 0) return "";
-  // Built before the fork: the child only calls what is safe after one.
-  std::vector<char*> args;
-  args.reserve(argv.size() + 1);
-  for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-  args.push_back(nullptr);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    dup2(fds[1], STDOUT_FILENO);
-    const int null = open("/dev/null", O_WRONLY);
-    dup2(null, STDERR_FILENO);
-    close(fds[0]);
-    execvp(args[0], args.data());
-    _exit(127);
-  }
-  close(fds[1]);
-  std::string out;
-  std::array<char, 4096> buf{};
-  ssize_t n = 0;
-  while (pid > 0 && (n = read(fds[0], buf.data(), buf.size())) > 0) {
-    out.append(buf.data(), static_cast<size_t>(n));
-  }
-  close(fds[0]);
-  int ws = 0;
-  if (pid > 0 && waitpid(pid, &ws, 0) == pid && WIFEXITED(ws)) *status = WEXITSTATUS(ws);
-  return out;
-}
 
 std::vector<std::string> Split(const std::string& s, char sep) {
   std::vector<std::string> out;
@@ -82,10 +24,6 @@ std::vector<std::string> Split(const std::string& s, char sep) {
 }
 
 TEST(CapturePcapng, TsharkReadsFramesTimesAndEvents) {
-  int status = 0;
-  Exec({"tshark", "-v"}, &status);
-  if (status != 0) GTEST_SKIP() << "tshark cannot be run";
-
   std::vector<uint8_t> store(VANE_CAPTURE_STORE_SIZE, 0);
   PutCaptureEntry(&store, 0, 0, UdpFrame(100, 1), 1700000000, 5, 9, 250000);
   PutCaptureEntry(&store, 7, 1, UdpFrame(60, 2), 1700000001, 999999999);
@@ -94,22 +32,24 @@ TEST(CapturePcapng, TsharkReadsFramesTimesAndEvents) {
   const std::string file =
       vanectl::CapturePcapng(std::vector<vane_capture_entry>(s.entries, s.entries + s.count));
 
-  TempFile tmp;
-  std::ofstream(tmp.path(), std::ios::binary) << file;
-  const std::string out = Exec({"tshark", "-n",
-                                "-r",     tmp.path(),
-                                "-T",     "fields",
-                                "-E",     "separator=|",
-                                "-E",     "occurrence=a",
-                                "-E",     "aggregator=+",
-                                "-e",     "frame.time_epoch",
-                                "-e",     "frame.len",
-                                "-e",     "frame.cap_len",
-                                "-e",     "ip.src",
-                                "-e",     "udp.dstport",
-                                "-e",     "frame.comment"},
-                               &status);
-  ASSERT_EQ(status, 0) << out;
+  TempDir dir;
+  std::ofstream(dir / "c.pcapng", std::ios::binary) << file;
+  std::string out;
+  ASSERT_EQ(RunCommand({.argv = {VANE_TSHARK, "-n",
+                                 "-r",        dir / "c.pcapng",
+                                 "-T",        "fields",
+                                 "-E",        "separator=|",
+                                 "-E",        "occurrence=a",
+                                 "-E",        "aggregator=+",
+                                 "-e",        "frame.time_epoch",
+                                 "-e",        "frame.len",
+                                 "-e",        "frame.cap_len",
+                                 "-e",        "ip.src",
+                                 "-e",        "udp.dstport",
+                                 "-e",        "frame.comment"}},
+                       &out),
+            0)
+      << out;
   const auto lines = Split(out, '\n');
   ASSERT_EQ(lines.size(), 2u) << out;
 

@@ -10,6 +10,7 @@
 
 #include "drv_vane/capture.h"
 #include "drv_vane/dispatch.h"
+#include "host_support.h"
 
 namespace vane::test {
 
@@ -27,7 +28,7 @@ inline void PutCaptureEntry(std::vector<uint8_t>* store, size_t index, uint8_t n
   if (later_event != 0) {
     e.astTime[1] = {sec, later_nsec, later_event, 0, 1};
   }
-  std::memcpy(store->data() + index * sizeof e, &e, sizeof e);
+  PutRecord(store, index * sizeof e, e);
 }
 
 // An untagged Ethernet/IPv4/UDP frame of `len` bytes (len >= 42), source
