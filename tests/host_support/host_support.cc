@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -40,21 +41,18 @@ std::string ReadText(const std::string& path) {
 }
 
 pid_t Start(const Command& cmd) {
-  // Everything the child needs is built before it exists.
   std::vector<char*> argv;
   for (const std::string& a : cmd.argv) argv.push_back(const_cast<char*>(a.c_str()));
   argv.push_back(nullptr);
-  // The added entries come first, so that they win over inherited ones.
   std::vector<char*> envp;
   for (const std::string& e : cmd.env) envp.push_back(const_cast<char*>(e.c_str()));
   for (char** e = environ; *e != nullptr; ++e) envp.push_back(*e);
   envp.push_back(nullptr);
   posix_spawn_file_actions_t fa;
   posix_spawn_file_actions_init(&fa);
-  posix_spawn_file_actions_addopen(&fa, STDOUT_FILENO, cmd.stdout_path.c_str(),
-                                   O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  posix_spawn_file_actions_addopen(&fa, STDERR_FILENO, cmd.stderr_path.c_str(),
-                                   O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC;
+  posix_spawn_file_actions_addopen(&fa, STDOUT_FILENO, cmd.stdout_path.c_str(), kFlags, 0600);
+  posix_spawn_file_actions_addopen(&fa, STDERR_FILENO, cmd.stderr_path.c_str(), kFlags, 0600);
   pid_t pid = -1;
   const int rc = posix_spawnp(&pid, argv[0], &fa, nullptr, argv.data(), envp.data());
   posix_spawn_file_actions_destroy(&fa);
@@ -75,58 +73,33 @@ int RunCommand(Command cmd, std::string* out) {
   return status;
 }
 
-namespace {
-
-bool ReadFull(int fd, void* buf, size_t n) {
-  auto* p = static_cast<uint8_t*>(buf);
-  while (n > 0) {
-    const ssize_t got = read(fd, p, n);
-    if (got <= 0) return false;
-    p += got;
-    n -= static_cast<size_t>(got);
+ForkedResult RunForked(const std::function<int(int report_fd)>& body) {
+  int fds[2];
+  if (pipe2(fds, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+  const pid_t pid = fork();
+  if (pid == 0) {
+    close(fds[0]);
+    _exit(body(fds[1]));
   }
-  return true;
-}
-
-}  // namespace
-
-ForkedChild::ForkedChild(const std::function<int(ForkedChild&)>& body) {
-  if (pipe2(fds_, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
-  pid_ = fork();
-  if (pid_ < 0) throw std::runtime_error("fork failed");
-  if (pid_ == 0) {
-    close(fds_[0]);
-    _exit(body(*this));
-  }
-  close(fds_[1]);
-  fds_[1] = -1;
-}
-
-ForkedChild::~ForkedChild() {
-  close(fds_[0]);
-  Wait();
-}
-
-bool ForkedChild::Report(const void* data, size_t len) {
-  const auto n = static_cast<uint32_t>(len);
-  return write(fds_[1], &n, sizeof(n)) == sizeof(n) &&
-         write(fds_[1], data, len) == static_cast<ssize_t>(len);
-}
-
-std::optional<Bytes> ForkedChild::Next() {
+  close(fds[1]);
+  ForkedResult r;
   uint32_t n = 0;
-  if (!ReadFull(fds_[0], &n, sizeof(n))) return std::nullopt;
-  Bytes b(n);
-  if (!ReadFull(fds_[0], b.data(), b.size())) return std::nullopt;
-  return b;
+  while (read(fds[0], &n, sizeof(n)) == sizeof(n)) {
+    Bytes b(n);
+    if (read(fds[0], b.data(), n) != static_cast<ssize_t>(n)) break;
+    r.reports.push_back(std::move(b));
+  }
+  close(fds[0]);
+  r.status = Wait(pid);
+  return r;
 }
 
-int ForkedChild::Wait() {
-  if (pid_ > 0) {
-    status_ = vane::test::Wait(pid_);
-    pid_ = -1;
-  }
-  return status_;
+bool Report(int fd, const Bytes& bytes) {
+  // One write per report, below the pipe's atomic size, so that a report
+  // arrives whole.
+  ByteWriter w;
+  w.u32(static_cast<uint32_t>(bytes.size())).bytes(bytes);
+  return w.b.size() <= PIPE_BUF && write(fd, w.b.data(), w.b.size()) == ssize_t(w.b.size());
 }
 
 namespace {
@@ -135,7 +108,6 @@ DgramSocket::Addr PathAddr(const std::string& path) {
   DgramSocket::Addr a;
   a.sa.sun_family = AF_UNIX;
   std::strncpy(a.sa.sun_path, path.c_str(), sizeof(a.sa.sun_path) - 1);
-  a.len = sizeof(a.sa);
   return a;
 }
 
@@ -155,10 +127,8 @@ DgramSocket::~DgramSocket() {
   if (!path_.empty()) unlink(path_.c_str());
 }
 
-int DgramSocket::SendTo(const std::string& path, const void* data, size_t len) {
-  const Addr a = PathAddr(path);
-  const ssize_t n = sendto(fd_, data, len, 0, reinterpret_cast<const sockaddr*>(&a.sa), a.len);
-  return n < 0 ? -errno : static_cast<int>(n);
+int DgramSocket::SendTo(const std::string& path, const Bytes& b) {
+  return SendTo(PathAddr(path), b);
 }
 
 int DgramSocket::SendTo(const Addr& to, const Bytes& b) {
@@ -167,20 +137,16 @@ int DgramSocket::SendTo(const Addr& to, const Bytes& b) {
   return n < 0 ? -errno : static_cast<int>(n);
 }
 
-long DgramSocket::Receive(uint8_t* buf, size_t cap, Addr* from, int guard_ms) {
+Bytes DgramSocket::Receive(Addr* from, int guard_ms) {
   pollfd p{fd_, POLLIN, 0};
-  if (poll(&p, 1, guard_ms) != 1) return -1;
+  if (poll(&p, 1, guard_ms) != 1) return {};
   Addr ignored;
   Addr* a = from != nullptr ? from : &ignored;
   a->len = sizeof(a->sa);
-  return recvfrom(fd_, buf, cap, 0, reinterpret_cast<sockaddr*>(&a->sa), &a->len);
-}
-
-std::optional<Bytes> DgramSocket::Receive(Addr* from, int guard_ms) {
   Bytes buf(VANE_WIRE_DGRAM_MAX * 2);
-  const long n = Receive(buf.data(), buf.size(), from, guard_ms);
-  if (n < 0) return std::nullopt;
-  buf.resize(static_cast<size_t>(n));
+  const ssize_t n =
+      recvfrom(fd_, buf.data(), buf.size(), 0, reinterpret_cast<sockaddr*>(&a->sa), &a->len);
+  buf.resize(n < 0 ? 0 : static_cast<size_t>(n));
   return buf;
 }
 
@@ -224,13 +190,11 @@ std::vector<Bytes> Messages(const Bytes& dgram) {
 
 Bytes AckOf(const Bytes& request, int error) {
   const Bytes head(request.begin(), request.begin() + 16);
-  return NlMsg(2, 0, Le32(&request[8]),
-               ByteWriter().u32(static_cast<uint32_t>(error)).bytes(head).b);
+  return NlMsg(2, 0, Le32(&request[8]), ByteWriter().u32(uint32_t(error)).bytes(head).b);
 }
 
 Bytes PacketMsg(uint32_t type, const Bytes& data) {
-  return NlMsg(18, 0, 0,
-               ByteWriter().u32(type).u32(static_cast<uint32_t>(data.size())).bytes(data).b);
+  return NlMsg(18, 0, 0, ByteWriter().u32(type).u32(uint32_t(data.size())).bytes(data).b);
 }
 
 Bytes DefaultPacket(uint32_t n, size_t len) {
@@ -245,12 +209,10 @@ namespace {
 
 Bytes FileRequest(uint16_t type, const std::string& path, int64_t pos, uint32_t count,
                   const Bytes& data, uint32_t seq) {
-  const auto len =
-      static_cast<uint32_t>(16 + sizeof(vane_wire_file_req) + path.size() + data.size());
   ByteWriter w;
-  w.u32(len).u16(type).u16(1).u32(seq).u32(0);
-  w.u64(static_cast<uint64_t>(pos)).u32(count).u32(static_cast<uint32_t>(path.size()));
-  w.b.insert(w.b.end(), path.begin(), path.end());
+  w.u32(uint32_t(16 + sizeof(vane_wire_file_req) + path.size() + data.size()));
+  w.u16(type).u16(1).u32(seq).u32(0);
+  w.u64(uint64_t(pos)).u32(count).u32(uint32_t(path.size())).bytes(Bytes(path.begin(), path.end()));
   return w.bytes(data).b;
 }
 
@@ -261,25 +223,31 @@ Bytes FileRead(const std::string& path, int64_t pos, uint32_t count, uint32_t se
 }
 
 Bytes FileWrite(const std::string& path, int64_t pos, const Bytes& data, uint32_t seq) {
-  return FileRequest(VANE_WIRE_FILE_WRITE, path, pos, static_cast<uint32_t>(data.size()), data,
-                     seq);
+  return FileRequest(VANE_WIRE_FILE_WRITE, path, pos, uint32_t(data.size()), data, seq);
 }
 
 Bytes FileReplyMsg(uint32_t seq, int64_t result, int64_t pos, const Bytes& data) {
-  ByteWriter body;
-  body.u64(static_cast<uint64_t>(result)).u64(static_cast<uint64_t>(pos)).bytes(data);
-  return NlMsg(VANE_WIRE_FILE_REPLY, 0, seq, body.b);
+  const Bytes body = ByteWriter().u64(uint64_t(result)).u64(uint64_t(pos)).bytes(data).b;
+  return NlMsg(VANE_WIRE_FILE_REPLY, 0, seq, body);
 }
 
-std::optional<FileReply> DecodeFileReply(const Bytes& msg) {
+FileReply DecodeFileReply(const Bytes& msg) {
   constexpr size_t kHead = 16 + sizeof(vane_wire_file_reply);
   if (msg.size() < kHead || Le32(msg.data()) != msg.size() ||
       (msg[4] | msg[5] << 8) != VANE_WIRE_FILE_REPLY) {
-    return std::nullopt;
+    return {};
   }
   vane_wire_file_reply body{};
   std::memcpy(&body, msg.data() + 16, sizeof(body));
-  return FileReply{Le32(&msg[8]), body.result, body.pos, Bytes(msg.begin() + kHead, msg.end())};
+  return {Le32(&msg[8]), body.result, body.pos, Bytes(msg.begin() + kHead, msg.end())};
+}
+
+vane_endpoint UnixEndpoint(const std::string& run_dir, int timeout_ms) {
+  vane_endpoint ep{};
+  ep.transport = VANE_TRANSPORT_UNIX;
+  ep.run_dir = run_dir.c_str();
+  ep.timeout_ms = timeout_ms;
+  return ep;
 }
 
 InProcessDaemon::InProcessDaemon(const std::string& run_dir)
@@ -289,10 +257,7 @@ InProcessDaemon::InProcessDaemon(const std::string& run_dir)
   opt.stats_path = dir_ / "stats.json";
   opt.handle_signals = false;
   daemon_ = std::make_unique<host::Daemon>(opt);
-  if (daemon_->Start() != 0) {
-    ADD_FAILURE() << "the daemon did not start";
-    return;
-  }
+  if (daemon_->Start() != 0) throw std::runtime_error("vaned did not start");
   loop_ = std::thread([this] { result_ = daemon_->Run(); });
 }
 
@@ -311,7 +276,7 @@ int InProcessDaemon::Stop() {
   if (!stopped_) {
     stopped_ = true;
     daemon_->RequestStop();
-    if (loop_.joinable()) loop_.join();
+    loop_.join();
   }
   return result_;
 }

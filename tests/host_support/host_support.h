@@ -45,7 +45,7 @@ class TempDir {
 std::string ReadText(const std::string& path);
 
 // A program to run: argv[0] is a path or a name looked up in PATH; `env`
-// entries (NAME=value) are added to this process's environment.
+// entries (NAME=value) go before this process's environment.
 struct Command {
   std::vector<std::string> argv;
   std::vector<std::string> env;
@@ -59,52 +59,37 @@ int Wait(pid_t pid);
 // Runs it to its end, its standard output into *out: the exit status.
 int RunCommand(Command cmd, std::string* out = nullptr);
 
-// A forked child that reports back to the parent over a pipe. The parent
-// may have threads (an in-process daemon has), so the body keeps to calls
-// that are safe after fork; its result is the child's exit status.
-class ForkedChild {
- public:
-  explicit ForkedChild(const std::function<int(ForkedChild&)>& body);
-  ~ForkedChild();
-  ForkedChild(const ForkedChild&) = delete;
-  ForkedChild& operator=(const ForkedChild&) = delete;
-  pid_t pid() const { return pid_; }
-  // Child side: hands `len` bytes to the parent.
-  bool Report(const void* data, size_t len);
-  // Parent side: the next report; nullopt once the child ended without one.
-  std::optional<Bytes> Next();
-  int Wait();
-
- private:
-  pid_t pid_ = -1;
-  int fds_[2] = {-1, -1};
-  int status_ = -1;
+// Runs `body` in a forked child, which hands the parent what it has to say
+// with Report(fd, ...); its result is the child's exit status. The parent
+// may have threads (an in-process daemon has), so the body keeps to what is
+// safe after fork.
+struct ForkedResult {
+  std::vector<Bytes> reports;
+  int status = -1;
 };
+ForkedResult RunForked(const std::function<int(int report_fd)>& body);
+bool Report(int fd, const Bytes& bytes);
 
 // A unix datagram socket: bound to a file, as the daemon's channels and the
 // injection socket are, or (no path) autobound to an abstract address, as
-// clients are. Nothing allocates after construction except the Bytes
-// overloads, so a forked child may use the others.
+// clients are.
 class DgramSocket {
  public:
   struct Addr {
     sockaddr_un sa{};
-    socklen_t len = 0;
+    socklen_t len = sizeof(sockaddr_un);
   };
   explicit DgramSocket(const std::string& path = {});
   ~DgramSocket();
   DgramSocket(const DgramSocket&) = delete;
   DgramSocket& operator=(const DgramSocket&) = delete;
-  int fd() const { return fd_; }
 
   // The byte count sent, or -errno.
-  int SendTo(const std::string& path, const void* data, size_t len);
-  int SendTo(const std::string& path, const Bytes& b) { return SendTo(path, b.data(), b.size()); }
+  int SendTo(const std::string& path, const Bytes& b);
   int SendTo(const Addr& to, const Bytes& b);
-  // The next datagram's length (and sender), or -1 when none came within
-  // the guard time: a hang guard, not a verdict on speed.
-  long Receive(uint8_t* buf, size_t cap, Addr* from = nullptr, int guard_ms = 10000);
-  std::optional<Bytes> Receive(Addr* from = nullptr, int guard_ms = 10000);
+  // The next datagram (and its sender); empty when none came within the
+  // guard time: a hang guard, not a verdict on speed.
+  Bytes Receive(Addr* from = nullptr, int guard_ms = 10000);
   // Whether a datagram is waiting now.
   bool Ready();
 
@@ -126,10 +111,7 @@ struct ByteWriter {
   ByteWriter& u16(uint16_t v) { return u8(v & 0xFF).u8(v >> 8); }
   ByteWriter& u32(uint32_t v) { return u16(v & 0xFFFF).u16(v >> 16); }
   ByteWriter& u64(uint64_t v) { return u32(v & 0xFFFFFFFF).u32(v >> 32); }
-  ByteWriter& zeros(size_t n) {
-    b.insert(b.end(), n, 0);
-    return *this;
-  }
+  ByteWriter& zeros(size_t n) { return bytes(Bytes(n, 0)); }
   ByteWriter& bytes(const Bytes& more) {
     b.insert(b.end(), more.begin(), more.end());
     return *this;
@@ -145,7 +127,6 @@ std::vector<Bytes> Messages(const Bytes& dgram);
 Bytes AckOf(const Bytes& request, int error);
 // A packet message of `type` as workers receive it.
 Bytes PacketMsg(uint32_t type, const Bytes& data);
-
 // A buffer the unconfigured module hands to the normal channel's default
 // receiver: `len` bytes that differ with `n`.
 Bytes DefaultPacket(uint32_t n, size_t len = 60);
@@ -156,11 +137,15 @@ Bytes FileWrite(const std::string& path, int64_t pos, const Bytes& data, uint32_
 Bytes FileReplyMsg(uint32_t seq, int64_t result, int64_t pos, const Bytes& data = {});
 struct FileReply {
   uint32_t seq = 0;
-  int64_t result = -9999;
+  int64_t result = -9999;  // when no reply came
   int64_t pos = 0;
   Bytes data;
 };
-std::optional<FileReply> DecodeFileReply(const Bytes& msg);
+FileReply DecodeFileReply(const Bytes& msg);
+
+// libvane's endpoint for the daemon whose run directory is `run_dir` (which
+// must outlive it).
+vane_endpoint UnixEndpoint(const std::string& run_dir, int timeout_ms = 5000);
 
 // vaned in this process, on a thread of its own, in a scratch directory
 // (its run directory `run` there unless one is given).
@@ -175,7 +160,8 @@ class InProcessDaemon {
   int Deliver(uint32_t type, const Bytes& buf);
   // Run's result: 1 when the module's unload left allocations behind.
   int Stop();
-  // Stops the daemon and reads the stats file it wrote last.
+  // Stops the daemon, which must unload cleanly, and reads the stats file
+  // it wrote last.
   nlohmann::json FinalStats();
 
  private:
@@ -186,15 +172,6 @@ class InProcessDaemon {
   int result_ = -1;
   bool stopped_ = false;
 };
-
-// libvane's endpoint for the daemon whose run directory is `run_dir`.
-inline vane_endpoint UnixEndpoint(const std::string& run_dir, int timeout_ms = 5000) {
-  vane_endpoint ep{};
-  ep.transport = VANE_TRANSPORT_UNIX;
-  ep.run_dir = run_dir.c_str();
-  ep.timeout_ms = timeout_ms;
-  return ep;
-}
 
 // `record`'s bytes laid into `image` at `offset`, growing it if need be.
 template <typename T>

@@ -24,7 +24,6 @@ struct WireCase {
   int channel;
   uint32_t msg_id;
   Bytes payload;
-  int on_vaned;  // the dispatcher's answer, with the cases before it applied
 };
 
 std::vector<WireCase> WireCases() {
@@ -46,6 +45,9 @@ std::vector<WireCase> WireCases() {
   st.cause_id_max = 219;
 
   const vane_capwap_entry cw{0x0A01000B, 0x0A000001, 12222, 5246, 9, 2};
+  ByteWriter cw_bytes;
+  cw_bytes.u32(0).u32(0).u32(0x0A01000B).u32(0x0A000001).u16(12222).u16(5246);
+  cw_bytes.u8(9).zeros(3).u32(2).u8(2).zeros(3);
   const vane_socket_port sp{1812, 1, 1, 0xFFFFFFFFu, 1};
   const vane_cause_id_entry cids[2] = {{100, 1, 1}, {106, 7, 3}};
   const uint32_t nac[2] = {3, 4};
@@ -54,50 +56,33 @@ std::vector<WireCase> WireCases() {
 
   return {
       {"register", [](vane_ctl* c) { return vane_ctl_register(c, 27, 5); }, 27, 0,
-       ByteWriter().u32(27).u32(5).b, 0},
-      {"config", [cfg](vane_ctl* c) { return vane_ctl_set_config(c, &cfg); }, 26, 5, cfg_bytes.b,
-       0},
+       ByteWriter().u32(27).u32(5).b},
+      {"config", [cfg](vane_ctl* c) { return vane_ctl_set_config(c, &cfg); }, 26, 5, cfg_bytes.b},
       {"debug", [](vane_ctl* c) { return vane_ctl_debug_command(c, 3); }, 26, 6,
-       ByteWriter().u8(3).zeros(3).b, 0},
+       ByteWriter().u8(3).zeros(3).b},
       {"steering", [st](vane_ctl* c) { return vane_ctl_set_steering(c, &st); }, 26, 11,
-       ByteWriter().u32(1).u32(1).u32(7).u32(2).u16(200).u16(201).zeros(36).u16(210).u16(219).b, 0},
+       ByteWriter().u32(1).u32(1).u32(7).u32(2).u16(200).u16(201).zeros(36).u16(210).u16(219).b},
       {"timng", [](vane_ctl* c) { return vane_ctl_timng_set(c, 300, 6, 1, 1); }, 26, 14,
-       ByteWriter().u32(300).u32(6).u32(1).u32(1).b, 0},
+       ByteWriter().u32(300).u32(6).u32(1).u32(1).b},
       {"timng_master", [](vane_ctl* c) { return vane_ctl_timng_master(c, 1); }, 26, 15,
-       ByteWriter().u32(0).u32(0).u32(1).u32(0).b, 0},
+       ByteWriter().u32(0).u32(0).u32(1).u32(0).b},
       {"capwap", [cw](vane_ctl* c) { return vane_ctl_lb_capwap(c, &cw, VANE_LB_OP_DELETE); }, 26,
-       10,
-       ByteWriter()
-           .u32(0)
-           .u32(0)
-           .u32(0x0A01000B)
-           .u32(0x0A000001)
-           .u16(12222)
-           .u16(5246)
-           .u8(9)
-           .zeros(3)
-           .u32(2)
-           .u8(2)
-           .zeros(3)
-           .b,
-       0},
+       10, cw_bytes.b},
       {"capwap_ka",
        [session](vane_ctl* c) { return vane_ctl_lb_capwap_ka(c, session, 1, VANE_LB_OP_ADD); }, 26,
-       10, ByteWriter().u32(1).u32(0).u32(0x0A01000B).u32(0).u32(0).u32(1).u32(1).u8(1).zeros(3).b,
-       0},
+       10, ByteWriter().u32(1).u32(0).u32(0x0A01000B).u32(0).u32(0).u32(1).u32(1).u8(1).zeros(3).b},
       {"nac", [nac](vane_ctl* c) { return vane_ctl_lb_nac(c, 3, nac, 2); }, 26, 10,
-       ByteWriter().u32(2).u32(3).u16(2).zeros(2).u32(3).u32(4).zeros(56).b, 0},
+       ByteWriter().u32(2).u32(3).u16(2).zeros(2).u32(3).u32(4).zeros(56).b},
       {"portal", [](vane_ctl* c) { return vane_ctl_lb_portal(c, 2000, 5); }, 26, 10,
-       ByteWriter().u32(3).u32(0).u16(2000).zeros(2).u32(5).zeros(4).b, 0},
+       ByteWriter().u32(3).u32(0).u16(2000).zeros(2).u32(5).zeros(4).b},
       {"socket_port", [sp](vane_ctl* c) { return vane_ctl_lb_socket_port(c, &sp, 1); }, 26, 10,
-       ByteWriter().u32(4).u32(0).u16(1).zeros(2).u16(1812).u8(1).u8(1).u32(0xFFFFFFFFu).u32(1).b,
-       0},
+       ByteWriter().u32(4).u32(0).u16(1).zeros(2).u16(1812).u8(1).u8(1).u32(0xFFFFFFFFu).u32(1).b},
       {"board_type", [](vane_ctl* c) { return vane_ctl_lb_board_type(c, 3); }, 26, 10,
-       ByteWriter().u32(5).u32(3).b, 0},
+       ByteWriter().u32(5).u32(3).b},
       {"cause_ids", [cids](vane_ctl* c) { return vane_ctl_lb_cause_ids(c, cids, 2); }, 26, 10,
-       ByteWriter().u32(6).u32(2).u32(100).u32(1).u32(1).u32(106).u32(7).u32(3).b, 0},
+       ByteWriter().u32(6).u32(2).u32(100).u32(1).u32(1).u32(106).u32(7).u32(3).b},
       {"handler", [raw](vane_ctl* c) { return vane_ctl_handler_msg(c, 13, raw, 5); }, 26, 13,
-       Bytes(raw, raw + 5), 0},
+       Bytes(raw, raw + 5)},
   };
 }
 
@@ -130,7 +115,7 @@ TEST(ControlTest, EachMessageHasItsWireBytesAndVanedTakesIt) {
     // since the dispatcher goes by the sender's credentials.
     const Bytes body = ByteWriter().u32(tc.msg_id).u32(tc.payload.size()).bytes(tc.payload).b;
     EXPECT_EQ(dry.seen, (std::vector<std::pair<int, Bytes>>{{tc.channel, NlMsg(18, 5, 1, body)}}));
-    EXPECT_EQ(tc.call(live), tc.on_vaned);
+    EXPECT_EQ(tc.call(live), 0) << "refused by vaned";
   }
   vane_ctl_close(live);
   EXPECT_EQ(d.Stop(), 0);
@@ -161,8 +146,9 @@ class BareDaemonTest : public ::testing::Test {
     auto result = std::async(std::launch::async, call);
     while (result.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
       DgramSocket::Addr from;
-      if (auto req = daemon_->Receive(&from, 10)) {
-        for (const Bytes& r : answer(*req)) daemon_->SendTo(from, r);
+      const Bytes req = daemon_->Receive(&from, 10);
+      if (!req.empty()) {
+        for (const Bytes& r : answer(req)) daemon_->SendTo(from, r);
       }
     }
     return result.get();
@@ -245,55 +231,35 @@ TEST_F(BareDaemonTest, NobodyListeningIsConnectionRefusedUntilADaemonIsBack) {
 }
 
 TEST_F(BareDaemonTest, OutOfRangeArgumentsAreRefusedBeforeSending) {
-  vane_steering_table st{};
-  vane_capwap_entry cw{};
-  vane_socket_port sp{};
-  vane_cause_id_entry cid{100, 1, 1};
-  uint32_t ids[17] = {};
-  const uint32_t sess[4] = {};
-  const std::vector<std::pair<const char*, std::function<int()>>> bad = {
+  vane_steering_table type_2{}, ids_21{};
+  type_2.table_type = 2;
+  ids_21.cause_id_count = 21;
+  vane_capwap_entry cw{}, cw_64{};
+  cw_64.process = 64;
+  const vane_socket_port sp{};
+  const vane_cause_id_entry cid{100, 1, 1}, lb_7{100, 1, 7};
+  const uint32_t ids[17] = {}, id_64[2] = {1, 64}, sess[4] = {};
+  const std::pair<const char*, std::function<int()>> bad[] = {
       {"vcpu 64", [&] { return vane_ctl_register(ctl_, 26, 64); }},
       {"channel 28", [&] { return vane_ctl_register(ctl_, 28, 1); }},
       {"send on channel 25", [&] { return vane_ctl_send(ctl_, 25, 5, nullptr, 0); }},
       {"no config", [&] { return vane_ctl_set_config(ctl_, nullptr); }},
       {"debug 0", [&] { return vane_ctl_debug_command(ctl_, 0); }},
       {"debug 21", [&] { return vane_ctl_debug_command(ctl_, 21); }},
-      {"table type 2",
-       [&] {
-         st = {};
-         st.table_type = 2;
-         return vane_ctl_set_steering(ctl_, &st);
-       }},
-      {"21 cause ids",
-       [&] {
-         st = {};
-         st.cause_id_count = 21;
-         return vane_ctl_set_steering(ctl_, &st);
-       }},
+      {"table type 2", [&] { return vane_ctl_set_steering(ctl_, &type_2); }},
+      {"21 cause ids", [&] { return vane_ctl_set_steering(ctl_, &ids_21); }},
       {"timng node 64", [&] { return vane_ctl_timng_set(ctl_, 300, 64, 1, 0); }},
       {"timng cause 8192", [&] { return vane_ctl_timng_set(ctl_, 8192, 1, 1, 0); }},
       {"capwap op 3", [&] { return vane_ctl_lb_capwap(ctl_, &cw, 3); }},
-      {"capwap vcpu 64",
-       [&] {
-         cw.process = 64;
-         return vane_ctl_lb_capwap(ctl_, &cw, 1);
-       }},
+      {"capwap vcpu 64", [&] { return vane_ctl_lb_capwap(ctl_, &cw_64, 1); }},
       {"ka op 0", [&] { return vane_ctl_lb_capwap_ka(ctl_, sess, 1, 0); }},
       {"17 nac ids", [&] { return vane_ctl_lb_nac(ctl_, 3, ids, 17); }},
-      {"nac id 64",
-       [&] {
-         ids[1] = 64;
-         return vane_ctl_lb_nac(ctl_, 3, ids, 2);
-       }},
+      {"nac id 64", [&] { return vane_ctl_lb_nac(ctl_, 3, id_64, 2); }},
       {"portal vcpu 99", [&] { return vane_ctl_lb_portal(ctl_, 2000, 99); }},
       {"socket op 0", [&] { return vane_ctl_lb_socket_port(ctl_, &sp, 0); }},
       {"no cause ids", [&] { return vane_ctl_lb_cause_ids(ctl_, &cid, 0); }},
       {"101 cause ids", [&] { return vane_ctl_lb_cause_ids(ctl_, &cid, 101); }},
-      {"lb type 7",
-       [&] {
-         cid.lb_type = 7;
-         return vane_ctl_lb_cause_ids(ctl_, &cid, 1);
-       }},
+      {"lb type 7", [&] { return vane_ctl_lb_cause_ids(ctl_, &lb_7, 1); }},
       {"handler id 5", [&] { return vane_ctl_handler_msg(ctl_, 5, nullptr, 0); }},
       {"handler id 10", [&] { return vane_ctl_handler_msg(ctl_, 10, nullptr, 0); }},
       {"payload missing", [&] { return vane_ctl_handler_msg(ctl_, 1, nullptr, 4); }},

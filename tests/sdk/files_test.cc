@@ -6,6 +6,7 @@
 #include <stdlib.h>
 
 #include <cerrno>
+#include <memory>
 #include <string>
 
 #include "host_support.h"
@@ -60,6 +61,22 @@ TEST_F(FilesTest, DebugTextComesBackAsTheLinesTheModuleWrote) {
   ASSERT_EQ(decode::Debug(reinterpret_cast<const uint8_t*>(img.data()), img.size(), &d), 0);
   EXPECT_EQ(d.lines, (std::vector<std::string>{"NETLINK_MID_OFFSET.", "NETLINK_MID_WLAN_LB."}));
   EXPECT_FALSE(d.full);
+}
+
+template <typename T>
+int Decode(int (*fn)(const uint8_t*, size_t, T*), const std::string& img) {
+  auto out = std::make_unique<T>();
+  return fn(reinterpret_cast<const uint8_t*>(img.data()), img.size(), out.get());
+}
+
+TEST_F(FilesTest, EveryFixedImageTheModuleServesDecodes) {
+  EXPECT_EQ(Decode(vane_decode_counters, ReadAll("/proc/bypassDebug/counts")), 0);
+  EXPECT_EQ(Decode(vane_decode_frag4, ReadAll("/proc/bypassDebug/hashInfoIpv4")), 0);
+  EXPECT_EQ(Decode(vane_decode_frag6, ReadAll("/proc/bypassDebug/hashInfoIpv6")), 0);
+  EXPECT_EQ(Decode(vane_decode_ivo, ReadAll("/proc/bypassDebug/ivo")), 0);
+  EXPECT_EQ(Decode(vane_decode_capture_store, ReadAll("/proc/bypassDebug/catchPkt")), 0);
+  EXPECT_EQ(Decode(vane_decode_capwap, ReadAll("/proc/wlan_lb/capwap")), 0);
+  EXPECT_EQ(Decode(vane_decode_capwap_ka, ReadAll("/proc/wlan_lb/capwap_ka")), 0);
 }
 
 TEST_F(FilesTest, ReadsAndWritesFollowThePosition) {

@@ -139,9 +139,7 @@ class BareWorkerTest : public WorkerTest {
   int Open(const vane_worker_opts& o, int error = 0) {
     auto rc = std::async(std::launch::async, [&] { return vane_worker_open(&o, &w_); });
     for (int ch = 0; ch < 1 + o.open_fast; ++ch) {
-      const auto d = socks_[ch].Receive(&addr_[ch]);
-      if (!d) break;
-      for (const Bytes& m : Messages(*d)) {
+      for (const Bytes& m : Messages(socks_[ch].Receive(&addr_[ch]))) {
         regs_.emplace_back(26 + ch, Le32(&m[16]), Le32(&m[24]), Le32(&m[28]));
         socks_[ch].SendTo(addr_[ch], AckOf(m, error));
       }
