@@ -1,6 +1,7 @@
-// vanectl show's tables and JSON for known images, against the golden files
-// in golden/ (NAME.txt and NAME.json). VANE_UPDATE_GOLDEN=1 rewrites them;
-// review the diff before committing it.
+// vanectl show's tables and JSON, against the golden files in golden/
+// (NAME.txt and NAME.json), for known images and for the WLAN views and
+// records the module shows. VANE_UPDATE_GOLDEN=1 rewrites them; review the
+// diff before committing it.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -120,51 +121,100 @@ TEST(ShowGolden, CaptureStore) {
   ExpectGolden("capture", vanectl::RenderCapture(s));
 }
 
-TEST(ShowGolden, WlanViews) {
-  // The texts as the attribute prints them.
-  const std::string stats =
-      "\r\nWLAN LB KERNEL LB SET CAPWAP      :12 \r\nWLAN LB KERNEL LB SET CAPWAP KA   :3 "
-      "\r\nWLAN LB KERNEL LB SET NAC NODELIST:1 \r\nWLAN LB KERNEL LB SET PORTAL NODE :1 "
-      "\r\nWLAN LB KERNEL LB SET SOCKET PORT :2 \r\nWLAN LB KERNEL LB SET BOARD TYPE  :1 "
-      "\r\nWLAN LB KERNEL LB SET CAUSEIID    :1 \r\nWLAN LB BOARD TYPE                :3 \r\n";
+// The WLAN views and records as the module shows them, after tables set
+// through libvane on vaned, read and decoded as show reads them.
+class ShowModuleGolden : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    const vane_endpoint ep = UnixEndpoint(d_.run_dir());
+    ASSERT_EQ(vane_ctl_open(&ep, &ctl_), 0);
+  }
+  void TearDown() override {
+    vane_ctl_close(ctl_);
+    EXPECT_EQ(d_.Stop(), 0);
+  }
+  // Writes what selects the contents, then reads them whole.
+  std::string Read(const char* path, const char* write, size_t len) {
+    EXPECT_EQ(vane_file_write(ctl_, path, write, len, nullptr), long(len));
+    uint8_t* out = nullptr;
+    size_t n = 0;
+    EXPECT_EQ(vane_file_read_all(ctl_, path, &out, &n), 0) << path;
+    std::string s(reinterpret_cast<char*>(out), n);
+    free(out);
+    return s;
+  }
+  std::string View(const char* which) {
+    return Read("/sys/class/wlan_lb/wlan_lb/wlan_lb", which, 1);
+  }
+  InProcessDaemon d_;
+  vane_ctl* ctl_ = nullptr;
+};
+
+TEST_F(ShowModuleGolden, WlanViews) {
+  const vane_cause_id_entry causes[] = {{300, 4, 1}, {301, 5, 2}, {4000, 11, 4}};
+  ASSERT_EQ(vane_ctl_lb_cause_ids(ctl_, causes, 3), 0);
+  const uint32_t nac[] = {20, 21, 63};
+  ASSERT_EQ(vane_ctl_lb_nac(ctl_, 3, nac, 3), 0);
+  ASSERT_EQ(vane_ctl_lb_portal(ctl_, 8080, 3), 0);
+  ASSERT_EQ(vane_ctl_lb_board_type(ctl_, 3), 0);
+  const vane_capwap_entry tunnel{0x0A010101, 0x0A010102, 5246, 5247, 0, 12};
+  ASSERT_EQ(vane_ctl_lb_capwap(ctl_, &tunnel, 1), 0);
+  const uint32_t session[4] = {1, 2, 3, 4};
+  ASSERT_EQ(vane_ctl_lb_capwap_ka(ctl_, session, 7, 1), 0);
+  for (const vane_socket_port& p :
+       {vane_socket_port{1812, 0, 1, 7, 0}, vane_socket_port{2001, 0, 0, 0xFFFFFFFFu, 0},
+        vane_socket_port{443, 1, 0, 9, 0}}) {
+    ASSERT_EQ(vane_ctl_lb_socket_port(ctl_, &p, 1), 0);
+  }
+  const std::string stats = View("3");
   vane_wlan_stats st{};
-  ASSERT_EQ(vane_decode_wlan_stats(stats.data(), stats.size(), &st), 0);
+  ASSERT_EQ(vane_decode_wlan_stats(stats.data(), stats.size(), &st), 0) << stats;
   ExpectGolden("wlan_stats", vanectl::RenderWlanStats(st));
-
-  const std::string causes = "300  1    4   ;301  2    5   ;4000 4    11  ;";
+  const std::string cause_view = View("4");
   vane_wlan_causeids c{};
-  ASSERT_EQ(vane_decode_wlan_causeids(causes.data(), causes.size(), &c), 0);
+  ASSERT_EQ(vane_decode_wlan_causeids(cause_view.data(), cause_view.size(), &c), 0);
   ExpectGolden("wlan_causeid", vanectl::RenderWlanCauseIds(c));
-
-  const std::string nac = "\r\nNAC process list :20 21 4294967295 ";
+  const std::string nac_view = View("1");
   vane_wlan_nac n{};
-  ASSERT_EQ(vane_decode_wlan_nac(nac.data(), nac.size(), &n), 0);
+  ASSERT_EQ(vane_decode_wlan_nac(nac_view.data(), nac_view.size(), &n), 0) << nac_view;
   ExpectGolden("wlan_aaa", vanectl::RenderWlanNac(n));
-
-  const std::string line = "                      ";
-  const std::string gap = "                                 ";
-  const std::string ports = "\r\n  2001(D)" + line + "UDP" + gap + "NAC" + "\r\n  1812(S)" + line +
-                            "UDP" + gap + "RANGE" + "\r\n   443(D)" + line + "TCP" + gap + "9" +
-                            "\r\n  3799(D)" + line + "UDP" + gap + "NAC" + "\r\n  8080(D)" + line +
-                            "UDP" + gap + "3";
+  const std::string ports = View("2");
   vane_wlan_ports p{};
-  ASSERT_EQ(vane_decode_wlan_ports(ports.data(), ports.size(), &p), 0);
+  ASSERT_EQ(vane_decode_wlan_ports(ports.data(), ports.size(), &p), 0) << ports;
   ExpectGolden("wlan_ports", vanectl::RenderWlanPorts(p));
 }
 
-TEST(ShowGolden, CapwapRecords) {
-  std::vector<uint8_t> img(VANE_CAPWAP_VIEW_SIZE, 0);
-  PutRecord(&img, 0, WLAN_LB_CAPWAP_NODE_S{0x0A010101, 0x0A010102, 5246, 5247, 0, 12});
-  PutRecord(&img, 20, WLAN_LB_CAPWAP_NODE_S{0x0A010101, 0x0A0101FE, 12222, 5247, 3, 4});
-  vane_capwap_view v{};
-  ASSERT_EQ(vane_decode_capwap(img.data(), img.size(), &v), 0);
-  ExpectGolden("wlan_capwap", vanectl::RenderCapwap(v));
+TEST_F(ShowModuleGolden, CapwapRecordsForAnAddressAndASession) {
+  // Twelve tunnels from one address, of which the file holds ten.
+  for (uint16_t i = 0; i < 12; ++i) {
+    const vane_capwap_entry e{0x0A010101, 0x0A010102u + i,         static_cast<uint16_t>(5000 + i),
+                              5247,       static_cast<uint8_t>(i), 20u + i};
+    ASSERT_EQ(vane_ctl_lb_capwap(ctl_, &e, 1), 0);
+  }
+  const vane_capwap_entry other{0x0A020202, 1, 2, 3, 0, 4};
+  ASSERT_EQ(vane_ctl_lb_capwap(ctl_, &other, 1), 0);
+  const uint32_t session[4] = {0x01020304, 0x05060708, 0x090A0B0C, 0x0D0E0F10};
+  ASSERT_EQ(vane_ctl_lb_capwap_ka(ctl_, session, 7, 1), 0);
 
-  std::vector<uint8_t> ka(VANE_CAPWAP_KA_VIEW_SIZE, 0);
-  PutRecord(&ka, 0, WLAN_LB_CAPWAP_KA_NODE_S{{0x01020304, 0x05060708, 0x090A0B0C, 0x0D0E0F10}, 7});
+  uint8_t key[8];
+  vane_build_capwap_key(0x0A010101, key);
+  const std::string img = Read("/proc/wlan_lb/capwap", reinterpret_cast<char*>(key), 8);
+  vane_capwap_view v{};
+  ASSERT_EQ(vane_decode_capwap(reinterpret_cast<const uint8_t*>(img.data()), img.size(), &v), 0);
+  ExpectGolden("wlan_capwap", vanectl::RenderCapwap(v));
+  uint8_t ka_key[16];
+  vane_build_capwap_ka_key(session, ka_key);
+  const std::string ka = Read("/proc/wlan_lb/capwap_ka", reinterpret_cast<char*>(ka_key), 16);
   vane_capwap_ka_view k{};
-  ASSERT_EQ(vane_decode_capwap_ka(ka.data(), ka.size(), &k), 0);
+  ASSERT_EQ(vane_decode_capwap_ka(reinterpret_cast<const uint8_t*>(ka.data()), ka.size(), &k), 0);
   ExpectGolden("wlan_capwap_ka", vanectl::RenderCapwapKa(k));
+  // A session the table does not hold is shown as such.
+  const uint32_t unknown[4] = {9, 9, 9, 9};
+  vane_build_capwap_ka_key(unknown, ka_key);
+  const std::string none = Read("/proc/wlan_lb/capwap_ka", reinterpret_cast<char*>(ka_key), 16);
+  ASSERT_EQ(vane_decode_capwap_ka(reinterpret_cast<const uint8_t*>(none.data()), none.size(), &k),
+            0);
+  EXPECT_EQ(k.found, 0);
 }
 
 }  // namespace
