@@ -4,10 +4,14 @@
 // diff before committing it.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <memory>
+#include <regex>
+#include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -15,6 +19,7 @@
 #include "drv_vane/steering.h"
 #include "drv_vane/wlan_lb.h"
 #include "host_support.h"
+#include "prom.h"
 #include "render.h"
 #include "vanectl/images.h"
 
@@ -23,15 +28,15 @@ namespace {
 
 using vanectl::Rendered;
 
+void ExpectGoldenFile(const std::string& file, const std::string& got) {
+  const std::string path = std::string(VANE_GOLDEN_DIR) + "/" + file;
+  if (std::getenv("VANE_UPDATE_GOLDEN") != nullptr) std::ofstream(path, std::ios::binary) << got;
+  EXPECT_EQ(got, ReadText(path)) << file;
+}
+
 void ExpectGolden(const std::string& name, const Rendered& r) {
-  const std::string base = std::string(VANE_GOLDEN_DIR) + "/" + name;
-  const std::string json = r.json.dump(2) + "\n";
-  if (std::getenv("VANE_UPDATE_GOLDEN") != nullptr) {
-    std::ofstream(base + ".txt", std::ios::binary) << r.text;
-    std::ofstream(base + ".json", std::ios::binary) << json;
-  }
-  EXPECT_EQ(r.text, ReadText(base + ".txt")) << name;
-  EXPECT_EQ(json, ReadText(base + ".json")) << name;
+  ExpectGoldenFile(name + ".txt", r.text);
+  ExpectGoldenFile(name + ".json", r.json.dump(2) + "\n");
 }
 
 TEST(ShowGolden, Counters) {
@@ -215,6 +220,55 @@ TEST_F(ShowModuleGolden, CapwapRecordsForAnAddressAndASession) {
   ASSERT_EQ(vane_decode_capwap_ka(reinterpret_cast<const uint8_t*>(none.data()), none.size(), &k),
             0);
   EXPECT_EQ(k.found, 0);
+}
+
+// Prometheus exposition text: every family announced with HELP and TYPE
+// before its samples, labels well formed, no series twice.
+void ExpectExposition(const std::string& text) {
+  std::set<std::string> helped, typed, series;
+  const std::regex help(R"(# HELP ([a-z_]+) \S.*)");
+  const std::regex type(R"(# TYPE ([a-z_]+) (counter|gauge))");
+  const std::regex sample(R"(([a-z_]+)(\{[a-z_]+="[^"\\]*"(,[a-z_]+="[^"\\]*")*\})? \d+)");
+  std::istringstream in(text);
+  std::smatch m;
+  for (std::string line; std::getline(in, line);) {
+    if (std::regex_match(line, m, help)) {
+      EXPECT_TRUE(helped.insert(m[1]).second) << "HELP twice: " << line;
+    } else if (std::regex_match(line, m, type)) {
+      EXPECT_TRUE(helped.count(m[1]) && typed.insert(m[1]).second) << line;
+    } else if (std::regex_match(line, m, sample)) {
+      EXPECT_TRUE(typed.count(m[1])) << "sample before its TYPE: " << line;
+      EXPECT_TRUE(series.insert(line.substr(0, line.rfind(' '))).second) << "twice: " << line;
+    } else {
+      ADD_FAILURE() << "not exposition format: '" << line << "'";
+    }
+  }
+  EXPECT_TRUE(text.empty() || text.back() == '\n');
+}
+
+TEST(ShowGolden, Metrics) {
+  vane_counters c{};
+  c.dispatched[0] = 4;
+  c.dispatched[63] = 4294967295u;
+  c.ecm[3] = 12;
+  c.vp[9] = 1;
+  c.wlan[4][2] = 7;
+  vane_ivo_stats s{};
+  s.ivo_slot_hits[0] = 2;
+  s.ivo_slot_hits[19] = 3;
+  s.deteption_range_hits = 9;
+  vane_wlan_stats w{};
+  w.messages[0] = 11;
+  w.messages[6] = 1;
+  w.board_type = 3;
+  const std::string text = vanectl::PrometheusText({&c, &s, &w, 0});
+  ExpectExposition(text);
+  ExpectGoldenFile("metrics.prom", text);
+  // Without its sources, only the error count is left.
+  const std::string none = vanectl::PrometheusText({nullptr, nullptr, nullptr, 3});
+  ExpectExposition(none);
+  EXPECT_EQ(none.substr(none.find("\nvane_scrape_errors ")), "\nvane_scrape_errors 3\n");
+  EXPECT_EQ(std::count(none.begin(), none.end(), '\n'), 3);
 }
 
 }  // namespace
