@@ -1,11 +1,10 @@
 // vaned served over its sockets, with the daemon in this process: the
 // port-id rules, acknowledgements, the file service's refusals, lost-message
-// accounting with and without batches, other users, malformed datagrams, and
-// the end of the packet sources.
+// accounting with and without batches, other users, and malformed
+// datagrams. (How it ends with its packet sources is in sources_test.cc.)
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <nlohmann/json.hpp>
@@ -262,65 +261,6 @@ TEST(VanedTest, ControlFromAnotherUserIsRefusedWithEperm) {
   const nlohmann::json stats = d.FinalStats();
   EXPECT_EQ(stats["channels"][0]["refused"], 2);
   EXPECT_TRUE(stats["channels"][0]["clients"].empty());
-}
-
-// Plays `count` packets once, or (count 0) until stopped.
-class StubSource : public host::Source {
- public:
-  explicit StubSource(uint32_t count) : count_(count) {}
-  std::string Describe() const override { return "stub"; }
-  int Run(host::PacketOut& out) override {
-    for (uint32_t i = 0; !stop_ && (count_ == 0 || i < count_); ++i) {
-      Bytes pkt = DefaultPacket(i);
-      const int rc = out.Deliver(7, pkt.data(), static_cast<uint32_t>(pkt.size()));
-      (rc >= 0 ? delivered_ : refused_).fetch_add(1);
-    }
-    return 0;
-  }
-  void Stop() override { stop_ = true; }
-  host::SourceStats Stats() const override {
-    host::SourceStats s;
-    s.delivered = delivered_;
-    s.refused = refused_;
-    return s;
-  }
-  std::string Error() const override { return {}; }
-
- private:
-  const uint32_t count_;
-  std::atomic<bool> stop_{false};
-  std::atomic<uint64_t> delivered_{0};
-  std::atomic<uint64_t> refused_{0};
-};
-
-TEST(VanedTest, ExitsWhenEverySourceIsDoneAndStopsSourcesThatLoop) {
-  TempDir dir;
-  host::DaemonOptions opt;
-  opt.run_dir = dir / "run";
-  opt.stats_path = dir / "stats.json";
-  opt.handle_signals = false;
-  opt.exit_when_done = true;
-  {
-    host::Daemon d(opt);
-    ASSERT_EQ(d.Start(), 0);
-    d.AddSource(std::make_unique<StubSource>(500));
-    d.AddSource(std::make_unique<StubSource>(20));
-    EXPECT_EQ(d.Run(), 0) << "returns by itself once both have played";
-  }
-  const auto stats = nlohmann::json::parse(ReadText(opt.stats_path), nullptr, false);
-  ASSERT_EQ(stats["sources"].size(), 2u);
-  EXPECT_EQ(stats["sources"][0]["refused"], 500) << "no worker registered";
-  EXPECT_EQ(stats["sources"][0]["finished"], true);
-  EXPECT_EQ(stats["delivery"]["-77"], 520);
-
-  // A source that never ends is stopped by the shutdown.
-  opt.exit_when_done = false;
-  host::Daemon d(opt);
-  ASSERT_EQ(d.Start(), 0);
-  d.AddSource(std::make_unique<StubSource>(0));
-  std::thread stopper([&] { d.RequestStop(); });
-  EXPECT_EQ(d.Run(), 0);
-  stopper.join();
 }
 
 }  // namespace

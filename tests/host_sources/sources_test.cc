@@ -1,7 +1,7 @@
 // The packet sources: a capture file played once at a rate, looped, and
-// stopped in a recorded gap; the injection socket with well-formed and
-// malformed datagrams; live capture; and what the factory makes of
-// configuration entries and command-line arguments, and refuses.
+// stopped in a recorded gap, and vaned ending with them; the injection
+// socket with well-formed and malformed datagrams; live capture; and what
+// the factory makes of configuration entries and arguments, and refuses.
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <pcap/pcap.h>
@@ -18,10 +18,12 @@
 #include <fstream>
 #include <functional>
 #include <mutex>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "daemon.h"
 #include "host/sources/factory.h"
 #include "host_support.h"
 #include "support/packet_builder.h"
@@ -162,6 +164,34 @@ TEST_F(PcapSourceTest, StopCutsARecordedGapShort) {
   EXPECT_EQ(src->Run(out), 0);  // would sleep an hour if Stop were not seen
   stopper.join();
   EXPECT_EQ(src->Stats().delivered, 1u);
+}
+
+TEST_F(PcapSourceTest, VanedEndsWhenEverySourceIsDoneAndStopsOnesThatLoop) {
+  host::DaemonOptions opt;
+  opt.run_dir = dir_ / "run";
+  opt.stats_path = dir_ / "stats.json";
+  opt.handle_signals = false;
+  opt.exit_when_done = true;
+  {
+    host::Daemon d(opt);
+    ASSERT_EQ(d.Start(), 0);
+    d.AddSource(FromArg("pcap:" + (dir_ / "small.pcap"), Context(dir_)));
+    d.AddSource(FromArg("pcap:" + (dir_ / "small.pcap"), Context(dir_)));
+    EXPECT_EQ(d.Run(), 0) << "returns by itself once both have played";
+  }
+  const auto stats = nlohmann::json::parse(ReadText(opt.stats_path), nullptr, false);
+  ASSERT_EQ(stats["sources"].size(), 2u);
+  EXPECT_EQ(stats["sources"][0]["refused"], 4) << "no worker registered";
+  EXPECT_EQ(stats["sources"][0]["finished"], true);
+  EXPECT_EQ(stats["delivery"]["-77"], 8);
+
+  opt.exit_when_done = false;
+  host::Daemon d(opt);
+  ASSERT_EQ(d.Start(), 0);
+  d.AddSource(FromArg("pcap:" + (dir_ / "small.pcap") + ",loop", Context(dir_)));
+  std::thread stopper([&] { d.RequestStop(); });
+  EXPECT_EQ(d.Run(), 0) << "a looped source is stopped by the shutdown";
+  stopper.join();
 }
 
 class InjectSourceTest : public ::testing::Test {
