@@ -1,6 +1,8 @@
-// vanectl show's tables and JSON, against the golden files in golden/
-// (NAME.txt and NAME.json), for known images and for the WLAN views and
-// records the module shows. VANE_UPDATE_GOLDEN=1 rewrites them; review the
+// vanectl's output code: show's tables and JSON against the golden files in
+// golden/ (NAME.txt and NAME.json), for known images and for the WLAN views
+// and records the module shows; metrics; the pcapng file of a capture read
+// back by tshark (one of the project's dependencies); capture filters; and
+// top's rates. VANE_UPDATE_GOLDEN=1 rewrites the golden files; review the
 // diff before committing it.
 #include <gtest/gtest.h>
 
@@ -15,18 +17,46 @@
 #include <string>
 #include <vector>
 
+#include "capture_file.h"
+#include "drv_vane/capture.h"
 #include "drv_vane/frag.h"
 #include "drv_vane/steering.h"
 #include "drv_vane/wlan_lb.h"
 #include "host_support.h"
 #include "prom.h"
+#include "rates.h"
 #include "render.h"
-#include "vanectl/images.h"
+#include "support/packet_builder.h"
 
 namespace vane::test {
 namespace {
 
 using vanectl::Rendered;
+
+// A capture entry at `index` of a store image.
+void PutCaptureEntry(Bytes* store, size_t index, uint8_t num, const Bytes& frame, uint32_t sec,
+                     uint32_t nsec, uint16_t later_event = 0, uint32_t later_nsec = 0) {
+  BYPASS_CATCH_PKT_S e{};
+  std::memcpy(e.aucData, frame.data(), std::min<size_t>(frame.size(), 64));
+  e.usLen = static_cast<uint16_t>(frame.size());
+  e.ucUsed = 1;
+  e.ucNum = num;
+  e.usSlot = 2;
+  e.astTime[0] = {sec, nsec, 1, 0, 1};
+  if (later_event != 0) e.astTime[1] = {sec, later_nsec, later_event, 0, 1};
+  PutRecord(store, index * sizeof e, e);
+}
+
+// An untagged UDP frame of `len` bytes from 10.0.0.<host>:5000 to
+// 10.0.0.200:2000.
+Bytes UdpFrame(size_t len, uint8_t host) {
+  return PacketBuilder()
+      .ethernet(Mac("00:11:22:33:44:55"), Mac("00:66:77:88:99:aa"))
+      .ipv4({.src = Ipv4Addr("10.0.0.0") + host, .dst = Ipv4Addr("10.0.0.200"), .id = 1})
+      .udp(5000, 2000)
+      .payload(len - 42)
+      .build();
+}
 
 void ExpectGoldenFile(const std::string& file, const std::string& got) {
   const std::string path = std::string(VANE_GOLDEN_DIR) + "/" + file;
@@ -40,7 +70,7 @@ void ExpectGolden(const std::string& name, const Rendered& r) {
 }
 
 TEST(ShowGolden, Counters) {
-  std::vector<uint8_t> img(VANE_COUNTERS_SIZE, 0);
+  Bytes img(VANE_COUNTERS_SIZE, 0);
   auto set = [&img](uint32_t index, uint32_t v) { PutRecord(&img, index * 4, v); };
   set(0, 4);
   set(3, 1200);
@@ -53,7 +83,7 @@ TEST(ShowGolden, Counters) {
   ASSERT_EQ(vane_decode_counters(img.data(), img.size(), &c), 0);
   ExpectGolden("counters", vanectl::RenderCounters(c, false));
 
-  const std::vector<uint8_t> zeros(VANE_COUNTERS_SIZE, 0);
+  const Bytes zeros(VANE_COUNTERS_SIZE, 0);
   ASSERT_EQ(vane_decode_counters(zeros.data(), zeros.size(), &c), 0);
   EXPECT_EQ(vanectl::RenderCounters(c, false).text, "all counters are zero\n");
   const Rendered all = vanectl::RenderCounters(c, true);
@@ -65,7 +95,7 @@ TEST(ShowGolden, DebugText) {
   const std::string text =
       "\r\nmsg id 11 len 60\r\nWLAN_LB_SetCauseIDTable  causeid 300 lbtype 1 pkttype 4\n"
       "\r\n********Buff is full********";
-  std::vector<uint8_t> img(VANE_DEBUG_SIZE, 0);
+  Bytes img(VANE_DEBUG_SIZE, 0);
   std::memcpy(img.data(), text.data(), text.size());
   vane::decode::DebugText d;
   ASSERT_EQ(vane::decode::Debug(img.data(), img.size(), &d), 0);
@@ -73,7 +103,7 @@ TEST(ShowGolden, DebugText) {
 }
 
 TEST(ShowGolden, FragmentTables) {
-  std::vector<uint8_t> v4(VANE_FRAG4_SIZE, 0);
+  Bytes v4(VANE_FRAG4_SIZE, 0);
   PutRecord(&v4, 0, uint16_t{2});
   PutRecord(&v4, 4, BYPASS_IPV4_FRAG_INFO_S{0x0A000001, 0xC0A80102, 0x1234, 0, 7, 5, 0});
   PutRecord(&v4, 20, BYPASS_IPV4_FRAG_INFO_S{0xAC100001, 0x0A0000FE, 65535, 0, 63, 30, 0});
@@ -83,7 +113,7 @@ TEST(ShowGolden, FragmentTables) {
   ASSERT_EQ(vane_decode_frag4(v4.data(), v4.size(), d4.get()), 0);
   ExpectGolden("frag_ipv4", vanectl::RenderFrag4(*d4));
 
-  std::vector<uint8_t> v6(VANE_FRAG6_SIZE, 0);
+  Bytes v6(VANE_FRAG6_SIZE, 0);
   PutRecord(&v6, 0, uint16_t{1});
   BYPASS_IPV6_FRAG_INFO_S r{};
   r.aucAddr1[0] = 0x20;
@@ -110,7 +140,7 @@ TEST(ShowGolden, Steering) {
   s.aulIvoCauseIdHitCnt[1] = 2;
   s.aulIvoCauseIdHitCnt[2] = 1;
   s.ulIvoRangeHitCnt = 4;
-  std::vector<uint8_t> img(sizeof s);
+  Bytes img(sizeof s);
   PutRecord(&img, 0, s);
   vane_ivo_stats st{};
   ASSERT_EQ(vane_decode_ivo(img.data(), img.size(), &st), 0);
@@ -118,7 +148,7 @@ TEST(ShowGolden, Steering) {
 }
 
 TEST(ShowGolden, CaptureStore) {
-  std::vector<uint8_t> store(VANE_CAPTURE_STORE_SIZE, 0);
+  Bytes store(VANE_CAPTURE_STORE_SIZE, 0);
   PutCaptureEntry(&store, 0, 0, UdpFrame(100, 1), 1700000000, 5, 9, 250000);
   PutCaptureEntry(&store, 4, 1, UdpFrame(42, 2), 1700000001, 999999999);
   vane_capture_store s{};
@@ -269,6 +299,90 @@ TEST(ShowGolden, Metrics) {
   ExpectExposition(none);
   EXPECT_EQ(none.substr(none.find("\nvane_scrape_errors ")), "\nvane_scrape_errors 3\n");
   EXPECT_EQ(std::count(none.begin(), none.end(), '\n'), 3);
+}
+
+TEST(CapturePcapng, TsharkReadsFramesTimesAndEvents) {
+  Bytes store(VANE_CAPTURE_STORE_SIZE, 0);
+  PutCaptureEntry(&store, 0, 0, UdpFrame(100, 1), 1700000000, 5, 9, 250000);
+  PutCaptureEntry(&store, 7, 1, UdpFrame(60, 2), 1700000001, 999999999);
+  vane_capture_store s{};
+  ASSERT_EQ(vane_decode_capture_store(store.data(), store.size(), &s), 0);
+  const std::string file =
+      vanectl::CapturePcapng(std::vector<vane_capture_entry>(s.entries, s.entries + s.count));
+
+  TempDir dir;
+  std::ofstream(dir / "c.pcapng", std::ios::binary) << file;
+  Command tshark{.argv = {VANE_TSHARK, "-n", "-r", dir / "c.pcapng", "-T", "fields", "-E",
+                          "separator=|", "-E", "occurrence=a", "-E", "aggregator=+"}};
+  for (const char* f : {"frame.time_epoch", "frame.len", "frame.cap_len", "ip.src", "udp.dstport",
+                        "frame.comment"}) {
+    tshark.argv.insert(tshark.argv.end(), {"-e", f});
+  }
+  std::string out;
+  ASSERT_EQ(RunCommand(tshark, &out), 0) << out;
+  // Time, the frame's own length, the bytes the store kept, and the events.
+  EXPECT_EQ(out,
+            "1700000000.000000005|100|64|10.0.0.1|2000|capture 0 on slot 2, store entry 0+event 1 "
+            "at 1700000000.000000005+event 9 at 1700000000.000250000 (+249995 ns)\n"
+            "1700000001.999999999|60|60|10.0.0.2|2000|capture 1 on slot 2, store entry 7+event 1 "
+            "at 1700000001.999999999\n");
+}
+
+TEST(CapturePcapng, FilterOptionsSetValueAndBit) {
+  vane_capture_arm a{};
+  vanectl::ApplyCaptureFilter("ethertype=0x0800", &a);
+  vanectl::ApplyCaptureFilter("sip=10.0.0.1", &a);
+  vanectl::ApplyCaptureFilter("dip6=2001:db8::2", &a);
+  vanectl::ApplyCaptureFilter("smac=00:11:22:33:44:55", &a);
+  vanectl::ApplyCaptureFilter("udf=12:0x0800", &a);
+  vanectl::ApplyCaptureFilter("udf=23:17", &a);
+  EXPECT_EQ(a.filters, VANE_CAPTURE_F_ETHTYPE | VANE_CAPTURE_F_SIP | VANE_CAPTURE_F_DIP6 |
+                           VANE_CAPTURE_F_SMAC | VANE_CAPTURE_F_UDF1 | VANE_CAPTURE_F_UDF2);
+  EXPECT_EQ(a.ethertype, 0x0800u);
+  EXPECT_EQ(a.sip, 0x0A000001u) << "host order, as the module compares it";
+  EXPECT_EQ(a.dip6[0], 0x20u);
+  EXPECT_EQ(a.dip6[15], 2u);
+  EXPECT_EQ(a.smac[5], 0x55u);
+  EXPECT_EQ(a.udf1_offset, 12u);
+  EXPECT_EQ(a.udf1_value, 0x0800u);
+  EXPECT_EQ(a.udf2_offset, 23u);
+  EXPECT_EQ(a.udf2_value, 17u);
+  for (const char* bad : {"udf=1:2", "ethertype=0x10000", "sip=10.0.0", "smac=00:11:22:33:44",
+                          "smac=00:11:22:33:44:55:66", "len=", "vlan=3", "sip"}) {
+    EXPECT_THROW(vanectl::ApplyCaptureFilter(bad, &a), std::invalid_argument) << bad;
+  }
+}
+
+TEST(Top, RatesOverTheIntervalWithClearsTakenAsResets) {
+  EXPECT_EQ(vanectl::Delta(10, 25), 15u);
+  EXPECT_EQ(vanectl::Delta(1000, 3), 3u);
+
+  vane_counters before{};
+  vane_counters now{};
+  before.dispatched[2] = 100;
+  now.dispatched[2] = 300;
+  now.ecm[2] = 50;
+  before.dispatched[7] = 1000000;  // cleared, then 20 more
+  now.dispatched[7] = 20;
+  now.wlan[7][4] = 10;
+  now.wlan[9][4] = 30;
+  const std::string screen = vanectl::TopScreen(before, now, 2.0);
+  EXPECT_EQ(screen,
+            "155.0 packets/s over 2.0 s\n"
+            "\n"
+            "VCPU  DISPATCHED/S  VP/S  ECM/S  WLAN/S  TOTAL\n"
+            "   2         100.0   0.0   25.0     0.0    350\n"
+            "   7          10.0   0.0    0.0     5.0     30\n"
+            "   9           0.0   0.0    0.0    15.0     30\n"
+            "\n"
+            "PKT_TYPE  WLAN/S\n"
+            "       4    20.0\n");
+  EXPECT_EQ(vanectl::TopScreen(now, now, 1.0),
+            "0.0 packets/s over 1.0 s\n\n"
+            "VCPU  DISPATCHED/S  VP/S  ECM/S  WLAN/S  TOTAL\n"
+            "   2           0.0   0.0    0.0     0.0    350\n"
+            "   7           0.0   0.0    0.0     0.0     30\n"
+            "   9           0.0   0.0    0.0     0.0     30\n");
 }
 
 }  // namespace
