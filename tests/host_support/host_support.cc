@@ -205,25 +205,11 @@ Bytes DefaultPacket(uint32_t n, size_t len) {
   return b;
 }
 
-namespace {
-
-Bytes FileRequest(uint16_t type, const std::string& path, int64_t pos, uint32_t count,
-                  const Bytes& data, uint32_t seq) {
-  ByteWriter w;
-  w.u32(uint32_t(16 + sizeof(vane_wire_file_req) + path.size() + data.size()));
-  w.u16(type).u16(1).u32(seq).u32(0);
-  w.u64(uint64_t(pos)).u32(count).u32(uint32_t(path.size())).bytes(Bytes(path.begin(), path.end()));
-  return w.bytes(data).b;
-}
-
-}  // namespace
-
 Bytes FileRead(const std::string& path, int64_t pos, uint32_t count, uint32_t seq) {
-  return FileRequest(VANE_WIRE_FILE_READ, path, pos, count, {}, seq);
-}
-
-Bytes FileWrite(const std::string& path, int64_t pos, const Bytes& data, uint32_t seq) {
-  return FileRequest(VANE_WIRE_FILE_WRITE, path, pos, uint32_t(data.size()), data, seq);
+  ByteWriter w;
+  w.u32(uint32_t(16 + sizeof(vane_wire_file_req) + path.size())).u16(VANE_WIRE_FILE_READ).u16(1);
+  w.u32(seq).u32(0).u64(uint64_t(pos)).u32(count).u32(uint32_t(path.size()));
+  return w.bytes(Bytes(path.begin(), path.end())).b;
 }
 
 Bytes FileReplyMsg(uint32_t seq, int64_t result, int64_t pos, const Bytes& data) {

@@ -131,9 +131,9 @@ Bytes PacketMsg(uint32_t type, const Bytes& data);
 // receiver: `len` bytes that differ with `n`.
 Bytes DefaultPacket(uint32_t n, size_t len = 60);
 
-// The daemon's file service: requests, and replies as the daemon sends them.
+// The daemon's file service: a read request, and replies as the daemon
+// sends them.
 Bytes FileRead(const std::string& path, int64_t pos, uint32_t count, uint32_t seq = 1);
-Bytes FileWrite(const std::string& path, int64_t pos, const Bytes& data, uint32_t seq = 1);
 Bytes FileReplyMsg(uint32_t seq, int64_t result, int64_t pos, const Bytes& data = {});
 struct FileReply {
   uint32_t seq = 0;

@@ -9,24 +9,27 @@
 #include <string>
 
 #include "host_support.h"
+#include "support/packet_builder.h"
 
 namespace vane::test {
 namespace {
 
-// Delivery prefix, HiGig2 header with the packet type in byte 2, 8 bytes of
-// chip metadata, then Ethernet and IPv4 as the sample configuration lays
-// them out. frag_flags is the IPv4 flags/offset word.
-Bytes Buffer(uint8_t pkt_type, uint16_t frag_flags, uint16_t ip_id) {
-  ByteWriter w;
-  w.u32(1).zeros(8);
-  w.zeros(2).u8(pkt_type).zeros(13);
-  w.zeros(8);
-  w.zeros(12).u8(0x08).u8(0x00);  // MACs, IPv4
-  w.u8(0x45).u8(0).u8(0).u8(28).u8(ip_id >> 8).u8(ip_id & 0xFF);
-  w.u8(frag_flags >> 8).u8(frag_flags & 0xFF).u8(64).u8(17).zeros(2);
-  w.u8(10).u8(1).u8(0).u8(11).u8(10).u8(0).u8(0).u8(1);  // 10.1.0.11 -> 10.0.0.1
-  w.zeros(8);                                            // UDP
-  return w.b;
+// The sample's layout: the HiGig2 header with the packet type in byte 2 and
+// 8 bytes of chip metadata before Ethernet; a UDP datagram 10.1.0.11 ->
+// 10.0.0.1, whole or a fragment.
+Bytes Buffer(uint8_t pkt_type, bool df, bool mf, uint16_t frag_offset, uint16_t ip_id) {
+  return PacketBuilder()
+      .prefix(1, 0, 21)
+      .bytes(ByteWriter().zeros(2).u8(pkt_type).zeros(21).b)
+      .ethernet(Mac("00:16:3e:00:00:01"), Mac("00:1a:1e:00:00:0b"))
+      .ipv4({.src = Ipv4Addr("10.1.0.11"),
+             .dst = Ipv4Addr("10.0.0.1"),
+             .id = ip_id,
+             .df = df,
+             .mf = mf,
+             .frag_offset = frag_offset})
+      .udp(12223, 5247)
+      .build();
 }
 
 TEST(SampleWorkerTest, CountsAndReportsOnSigterm) {
@@ -39,9 +42,9 @@ TEST(SampleWorkerTest, CountsAndReportsOnSigterm) {
   ASSERT_GT(pid, 0);
   // A hang guard only: the worker says when it is registered.
   for (int i = 0; i < 1000 && !std::filesystem::exists(dir / "ready"); ++i) usleep(10000);
-  EXPECT_GT(d.Deliver(2, Buffer(5, 0x2000, 0x1234)), 0);  // first fragment
-  EXPECT_GT(d.Deliver(2, Buffer(5, 0x0003, 0x1234)), 0);  // last
-  EXPECT_GT(d.Deliver(1, Buffer(7, 0x4000, 0x9999)), 0);  // DF only
+  EXPECT_GT(d.Deliver(2, Buffer(5, false, true, 0, 0x1234)), 0);   // first fragment
+  EXPECT_GT(d.Deliver(2, Buffer(5, false, false, 3, 0x1234)), 0);  // last
+  EXPECT_GT(d.Deliver(1, Buffer(7, true, false, 0, 0x9999)), 0);   // not a fragment
   kill(pid, SIGTERM);
   ASSERT_EQ(Wait(pid), 0) << ReadText(dir / "stderr");
 
