@@ -153,7 +153,6 @@ class InProcessDaemon {
  public:
   explicit InProcessDaemon(const std::string& run_dir = {});
   ~InProcessDaemon();
-  host::Daemon& daemon() { return *daemon_; }
   const std::string& run_dir() const { return run_dir_; }
   std::string sock(int protocol) const;
   // A buffer handed in as the switch driver does: netlink_send_msg's result.

@@ -50,17 +50,24 @@ class FilesTest : public ::testing::Test {
   vane_ctl* ctl_ = nullptr;
 };
 
-TEST_F(FilesTest, DebugTextComesBackAsTheLinesTheModuleWrote) {
+TEST_F(FilesTest, DebugTextComesBackAsTheLinesTheModuleWroteUntilItIsFull) {
   const uint32_t level = 1;
   Write("/proc/bypassDebug/debug", &level, sizeof level);
   ASSERT_EQ(vane_ctl_debug_command(ctl_, 3), 0);
   ASSERT_EQ(vane_ctl_lb_board_type(ctl_, 3), 0);
-  const std::string img = ReadAll("/proc/bypassDebug/debug");
-  ASSERT_EQ(img.size(), 32768u);
   decode::DebugText d;
+  std::string img = ReadAll("/proc/bypassDebug/debug");
+  ASSERT_EQ(img.size(), 32768u);
   ASSERT_EQ(decode::Debug(reinterpret_cast<const uint8_t*>(img.data()), img.size(), &d), 0);
   EXPECT_EQ(d.lines, (std::vector<std::string>{"NETLINK_MID_OFFSET.", "NETLINK_MID_WLAN_LB."}));
   EXPECT_FALSE(d.full);
+  // Filled up, the module ends the text with its full line.
+  for (int i = 0; i < 1600; ++i) ASSERT_EQ(vane_ctl_debug_command(ctl_, 3), 0);
+  img = ReadAll("/proc/bypassDebug/debug");
+  ASSERT_EQ(decode::Debug(reinterpret_cast<const uint8_t*>(img.data()), img.size(), &d), 0);
+  EXPECT_TRUE(d.full);
+  EXPECT_EQ(d.lines.front(), "NETLINK_MID_OFFSET.");
+  EXPECT_EQ(d.lines.back(), "********Buff is full********");
 }
 
 template <typename T>

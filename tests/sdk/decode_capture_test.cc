@@ -1,10 +1,8 @@
-// The decoders against images the module made where only the driver's calls
-// can fill them: a capture armed with the library's own block, and a debug
-// text filled to the end. (Files that control messages fill are decoded in
-// files_test.cc, read through vaned.)
+// The capture store decoded as the module fills it on the driver's calls,
+// armed with the library's own block. (Files that control messages fill are
+// decoded in files_test.cc, read through vaned.)
 #include <gtest/gtest.h>
 
-#include <string>
 #include <vector>
 
 #include "support/capture_env.h"
@@ -14,9 +12,9 @@
 namespace vane::test {
 namespace {
 
-using DecodeImagesTest = ModuleTest;
+using DecodeCaptureTest = ModuleTest;
 
-TEST_F(DecodeImagesTest, CaptureArmedByTheLibrarysBlockIsDecodedWithItsEvents) {
+TEST_F(DecodeCaptureTest, CaptureArmedByTheLibrarysBlockIsDecodedWithItsEvents) {
   vane_capture_arm arm{};
   arm.slot = 2;
   arm.slot_mask = 1u << 2;
@@ -54,20 +52,6 @@ TEST_F(DecodeImagesTest, CaptureArmedByTheLibrarysBlockIsDecodedWithItsEvents) {
   EXPECT_EQ(b.num, 1u);
   EXPECT_EQ(Bytes(b.data, b.data + b.data_len), small);
   EXPECT_FALSE(b.times[1].used);
-}
-
-TEST_F(DecodeImagesTest, DebugTextFilledUpEndsWithItsFullLine) {
-  SetDebugLevel(1);
-  Worker w;
-  // Each one leaves a line of its own in the text.
-  for (int i = 0; i < 2000; ++i) ASSERT_EQ(w.Debug(3), 0);
-  const auto img = env().Read("/proc/bypassDebug/debug").value_or(Bytes{});
-  decode::DebugText d;
-  ASSERT_EQ(decode::Debug(img.data(), img.size(), &d), 0);
-  EXPECT_TRUE(d.full);
-  ASSERT_GT(d.lines.size(), 1000u);
-  EXPECT_EQ(d.lines.front(), "NETLINK_MID_OFFSET.");
-  EXPECT_EQ(d.lines.back(), "********Buff is full********");
 }
 
 }  // namespace
