@@ -272,4 +272,28 @@ nlohmann::json InProcessDaemon::FinalStats() {
   return nlohmann::json::parse(ReadText(dir_ / "stats.json"), nullptr, false);
 }
 
+VanedControl::VanedControl() {
+  const vane_endpoint ep = UnixEndpoint(d.run_dir());
+  if (vane_ctl_open(&ep, &ctl) != 0) throw std::runtime_error("no control handle on vaned");
+}
+
+VanedControl::~VanedControl() {
+  vane_ctl_close(ctl);
+  EXPECT_EQ(d.Stop(), 0) << "the module's unload left allocations behind";
+}
+
+std::string VanedControl::Read(const std::string& path, const std::string& select) {
+  if (!select.empty()) {
+    EXPECT_EQ(vane_file_write(ctl, path.c_str(), select.data(), select.size(), nullptr),
+              ssize_t(select.size()))
+        << path;
+  }
+  uint8_t* out = nullptr;
+  size_t len = 0;
+  EXPECT_EQ(vane_file_read_all(ctl, path.c_str(), &out, &len), 0) << path;
+  std::string text(reinterpret_cast<char*>(out), len);
+  free(out);
+  return text;
+}
+
 }  // namespace vane::test

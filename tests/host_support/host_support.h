@@ -172,6 +172,17 @@ class InProcessDaemon {
   bool stopped_ = false;
 };
 
+// A libvane control handle on vaned in this process. The daemon must unload
+// cleanly when it goes.
+struct VanedControl {
+  VanedControl();
+  ~VanedControl();
+  // Writes `select` to the file when given, then reads the file whole.
+  std::string Read(const std::string& path, const std::string& select = {});
+  InProcessDaemon d;
+  vane_ctl* ctl = nullptr;
+};
+
 // `record`'s bytes laid into `image` at `offset`, growing it if need be.
 template <typename T>
 void PutRecord(Bytes* image, size_t offset, const T& record) {

@@ -103,10 +103,7 @@ struct DryRun {
 };
 
 TEST(ControlTest, EachMessageHasItsWireBytesAndVanedTakesIt) {
-  InProcessDaemon d;
-  const vane_endpoint ep = UnixEndpoint(d.run_dir());
-  vane_ctl* live = nullptr;
-  ASSERT_EQ(vane_ctl_open(&ep, &live), 0);
+  VanedControl live;
   for (const WireCase& tc : WireCases()) {
     SCOPED_TRACE(tc.name);
     DryRun dry;
@@ -115,10 +112,8 @@ TEST(ControlTest, EachMessageHasItsWireBytesAndVanedTakesIt) {
     // since the dispatcher goes by the sender's credentials.
     const Bytes body = ByteWriter().u32(tc.msg_id).u32(tc.payload.size()).bytes(tc.payload).b;
     EXPECT_EQ(dry.seen, (std::vector<std::pair<int, Bytes>>{{tc.channel, NlMsg(18, 5, 1, body)}}));
-    EXPECT_EQ(tc.call(live), 0) << "refused by vaned";
+    EXPECT_EQ(tc.call(live.ctl), 0) << "refused by vaned";
   }
-  vane_ctl_close(live);
-  EXPECT_EQ(d.Stop(), 0);
 }
 
 uint32_t SeqOf(const Bytes& msg) { return Le32(&msg[8]); }

@@ -21,49 +21,23 @@ constexpr char kAttr[] = "/sys/class/wlan_lb/wlan_lb/wlan_lb";
 
 class FilesTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    const vane_endpoint ep = UnixEndpoint(d_.run_dir());
-    ASSERT_EQ(vane_ctl_open(&ep, &ctl_), 0);
-  }
-  void TearDown() override {
-    vane_ctl_close(ctl_);
-    EXPECT_EQ(d_.Stop(), 0);
-  }
-  std::string ReadAll(const char* path) {
-    uint8_t* out = nullptr;
-    size_t len = 0;
-    EXPECT_EQ(vane_file_read_all(ctl_, path, &out, &len), 0) << path;
-    std::string s(reinterpret_cast<char*>(out), len);
-    free(out);
-    return s;
-  }
-  void Write(const char* path, const void* data, size_t len) {
-    int64_t pos = 0;
-    EXPECT_EQ(vane_file_write(ctl_, path, data, len, &pos), static_cast<ssize_t>(len)) << path;
-  }
-  std::string View(const char* which) {
-    Write(kAttr, which, 1);
-    return ReadAll(kAttr);
-  }
-
-  InProcessDaemon d_;
-  vane_ctl* ctl_ = nullptr;
+  VanedControl v_;
+  vane_ctl* ctl_ = v_.ctl;
 };
 
 TEST_F(FilesTest, DebugTextComesBackAsTheLinesTheModuleWroteUntilItIsFull) {
-  const uint32_t level = 1;
-  Write("/proc/bypassDebug/debug", &level, sizeof level);
+  v_.Read("/proc/bypassDebug/debug", std::string("\x01\0\0\0", 4));  // level 1
   ASSERT_EQ(vane_ctl_debug_command(ctl_, 3), 0);
   ASSERT_EQ(vane_ctl_lb_board_type(ctl_, 3), 0);
   decode::DebugText d;
-  std::string img = ReadAll("/proc/bypassDebug/debug");
+  std::string img = v_.Read("/proc/bypassDebug/debug");
   ASSERT_EQ(img.size(), 32768u);
   ASSERT_EQ(decode::Debug(reinterpret_cast<const uint8_t*>(img.data()), img.size(), &d), 0);
   EXPECT_EQ(d.lines, (std::vector<std::string>{"NETLINK_MID_OFFSET.", "NETLINK_MID_WLAN_LB."}));
   EXPECT_FALSE(d.full);
   // Filled up, the module ends the text with its full line.
   for (int i = 0; i < 1600; ++i) ASSERT_EQ(vane_ctl_debug_command(ctl_, 3), 0);
-  img = ReadAll("/proc/bypassDebug/debug");
+  img = v_.Read("/proc/bypassDebug/debug");
   ASSERT_EQ(decode::Debug(reinterpret_cast<const uint8_t*>(img.data()), img.size(), &d), 0);
   EXPECT_TRUE(d.full);
   EXPECT_EQ(d.lines.front(), "NETLINK_MID_OFFSET.");
@@ -77,17 +51,17 @@ int Decode(int (*fn)(const uint8_t*, size_t, T*), const std::string& img) {
 }
 
 TEST_F(FilesTest, EveryFixedImageTheModuleServesDecodes) {
-  EXPECT_EQ(Decode(vane_decode_counters, ReadAll("/proc/bypassDebug/counts")), 0);
-  EXPECT_EQ(Decode(vane_decode_frag4, ReadAll("/proc/bypassDebug/hashInfoIpv4")), 0);
-  EXPECT_EQ(Decode(vane_decode_frag6, ReadAll("/proc/bypassDebug/hashInfoIpv6")), 0);
-  EXPECT_EQ(Decode(vane_decode_ivo, ReadAll("/proc/bypassDebug/ivo")), 0);
-  EXPECT_EQ(Decode(vane_decode_capture_store, ReadAll("/proc/bypassDebug/catchPkt")), 0);
-  EXPECT_EQ(Decode(vane_decode_capwap, ReadAll("/proc/wlan_lb/capwap")), 0);
-  EXPECT_EQ(Decode(vane_decode_capwap_ka, ReadAll("/proc/wlan_lb/capwap_ka")), 0);
+  EXPECT_EQ(Decode(vane_decode_counters, v_.Read("/proc/bypassDebug/counts")), 0);
+  EXPECT_EQ(Decode(vane_decode_frag4, v_.Read("/proc/bypassDebug/hashInfoIpv4")), 0);
+  EXPECT_EQ(Decode(vane_decode_frag6, v_.Read("/proc/bypassDebug/hashInfoIpv6")), 0);
+  EXPECT_EQ(Decode(vane_decode_ivo, v_.Read("/proc/bypassDebug/ivo")), 0);
+  EXPECT_EQ(Decode(vane_decode_capture_store, v_.Read("/proc/bypassDebug/catchPkt")), 0);
+  EXPECT_EQ(Decode(vane_decode_capwap, v_.Read("/proc/wlan_lb/capwap")), 0);
+  EXPECT_EQ(Decode(vane_decode_capwap_ka, v_.Read("/proc/wlan_lb/capwap_ka")), 0);
 }
 
 TEST_F(FilesTest, ReadsAndWritesFollowThePosition) {
-  const std::string stats = View("3");
+  const std::string stats = v_.Read(kAttr, "3");
   ASSERT_GT(stats.size(), 20u);
   char buf[4];
   int64_t pos = 3;
@@ -100,9 +74,9 @@ TEST_F(FilesTest, ReadsAndWritesFollowThePosition) {
   pos = 8;
   ASSERT_EQ(vane_file_write(ctl_, kAttr, "1", 1, &pos), 1);
   EXPECT_EQ(pos, 9);
-  EXPECT_EQ(ReadAll(kAttr), "") << "the NAC list, empty";
+  EXPECT_EQ(v_.Read(kAttr), "") << "the NAC list, empty";
   ASSERT_EQ(vane_file_write(ctl_, kAttr, "3", 1, nullptr), 1);  // no position: at 0
-  EXPECT_EQ(ReadAll(kAttr), stats);
+  EXPECT_EQ(v_.Read(kAttr), stats);
 }
 
 TEST_F(FilesTest, UnknownPathsAndBadArguments) {
@@ -120,7 +94,7 @@ TEST_F(FilesTest, UnknownPathsAndBadArguments) {
 }
 
 TEST_F(FilesTest, CppWrapperReadsAndSends) {
-  const vane_endpoint ep = UnixEndpoint(d_.run_dir());
+  const vane_endpoint ep = UnixEndpoint(v_.d.run_dir());
   vane::Control ctl;
   ASSERT_EQ(ctl.Open(&ep), 0);
   int err = 0;

@@ -160,29 +160,11 @@ TEST(ShowGolden, CaptureStore) {
 // through libvane on vaned, read and decoded as show reads them.
 class ShowModuleGolden : public ::testing::Test {
  protected:
-  void SetUp() override {
-    const vane_endpoint ep = UnixEndpoint(d_.run_dir());
-    ASSERT_EQ(vane_ctl_open(&ep, &ctl_), 0);
-  }
-  void TearDown() override {
-    vane_ctl_close(ctl_);
-    EXPECT_EQ(d_.Stop(), 0);
-  }
-  // Writes what selects the contents, then reads them whole.
-  std::string Read(const char* path, const char* write, size_t len) {
-    EXPECT_EQ(vane_file_write(ctl_, path, write, len, nullptr), long(len));
-    uint8_t* out = nullptr;
-    size_t n = 0;
-    EXPECT_EQ(vane_file_read_all(ctl_, path, &out, &n), 0) << path;
-    std::string s(reinterpret_cast<char*>(out), n);
-    free(out);
-    return s;
-  }
   std::string View(const char* which) {
-    return Read("/sys/class/wlan_lb/wlan_lb/wlan_lb", which, 1);
+    return v_.Read("/sys/class/wlan_lb/wlan_lb/wlan_lb", which);
   }
-  InProcessDaemon d_;
-  vane_ctl* ctl_ = nullptr;
+  VanedControl v_;
+  vane_ctl* ctl_ = v_.ctl;
 };
 
 TEST_F(ShowModuleGolden, WlanViews) {
@@ -233,20 +215,20 @@ TEST_F(ShowModuleGolden, CapwapRecordsForAnAddressAndASession) {
 
   uint8_t key[8];
   vane_build_capwap_key(0x0A010101, key);
-  const std::string img = Read("/proc/wlan_lb/capwap", reinterpret_cast<char*>(key), 8);
+  const std::string img = v_.Read("/proc/wlan_lb/capwap", std::string(key, key + 8));
   vane_capwap_view v{};
   ASSERT_EQ(vane_decode_capwap(reinterpret_cast<const uint8_t*>(img.data()), img.size(), &v), 0);
   ExpectGolden("wlan_capwap", vanectl::RenderCapwap(v));
   uint8_t ka_key[16];
   vane_build_capwap_ka_key(session, ka_key);
-  const std::string ka = Read("/proc/wlan_lb/capwap_ka", reinterpret_cast<char*>(ka_key), 16);
+  const std::string ka = v_.Read("/proc/wlan_lb/capwap_ka", std::string(ka_key, ka_key + 16));
   vane_capwap_ka_view k{};
   ASSERT_EQ(vane_decode_capwap_ka(reinterpret_cast<const uint8_t*>(ka.data()), ka.size(), &k), 0);
   ExpectGolden("wlan_capwap_ka", vanectl::RenderCapwapKa(k));
   // A session the table does not hold is shown as such.
   const uint32_t unknown[4] = {9, 9, 9, 9};
   vane_build_capwap_ka_key(unknown, ka_key);
-  const std::string none = Read("/proc/wlan_lb/capwap_ka", reinterpret_cast<char*>(ka_key), 16);
+  const std::string none = v_.Read("/proc/wlan_lb/capwap_ka", std::string(ka_key, ka_key + 16));
   ASSERT_EQ(vane_decode_capwap_ka(reinterpret_cast<const uint8_t*>(none.data()), none.size(), &k),
             0);
   EXPECT_EQ(k.found, 0);
