@@ -210,8 +210,9 @@ class InjectSourceTest : public ::testing::Test {
 };
 
 TEST_F(InjectSourceTest, WellFormedBuffersPassUnchangedAndMalformedOnesAreSkipped) {
-  auto src = FromArg("inject", Context(dir_));
   const std::string path = dir_ / "inject.sock";
+  LeaveStaleSocket(path);  // a crash's leftover is replaced
+  auto src = FromArg("inject", Context(dir_));
   struct stat st {};
   ASSERT_EQ(stat(path.c_str(), &st), 0);
   EXPECT_TRUE(S_ISSOCK(st.st_mode));
@@ -245,11 +246,6 @@ TEST_F(InjectSourceTest, WellFormedBuffersPassUnchangedAndMalformedOnesAreSkippe
   EXPECT_NE(stat(path.c_str(), &st), 0);  // removed at stop
 }
 
-TEST_F(InjectSourceTest, AStaleSocketFileIsReplaced) {
-  LeaveStaleSocket(dir_ / "stale.sock");
-  EXPECT_NE(FromArg("inject:" + (dir_ / "stale.sock"), Context(dir_)), nullptr);
-}
-
 // Capturing needs privileges the test may not have; without them the error
 // is the point, with them the frames are.
 TEST(IfaceSource, CapturesLoopbackUntilStopped) {
@@ -281,10 +277,7 @@ TEST(IfaceSource, CapturesLoopbackUntilStopped) {
   close(s);
   src->Stop();
   run.join();
-  const Bytes first = out.Got().front().data;
-  uint32_t eth = 0;
-  std::memcpy(&eth, first.data() + 8, 4);
-  EXPECT_EQ(eth, 22u);
+  EXPECT_EQ(out.Got().front().data[8], 22) << "the ethNum word";
   EXPECT_GE(src->Stats().delivered, 1u);
 }
 

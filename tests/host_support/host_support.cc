@@ -65,14 +65,6 @@ int Wait(pid_t pid) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-int RunCommand(Command cmd, std::string* out) {
-  TempDir dir;
-  if (out != nullptr) cmd.stdout_path = dir / "stdout";
-  const int status = Wait(Start(cmd));
-  if (out != nullptr) *out = ReadText(cmd.stdout_path);
-  return status;
-}
-
 ForkedResult RunForked(const std::function<int(int report_fd)>& body) {
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
@@ -162,12 +154,6 @@ void LeaveStaleSocket(const std::string& path) {
     throw std::runtime_error("cannot bind " + path);
   }
   close(fd);  // the file stays behind, as after a crash
-}
-
-uint32_t Le32(const uint8_t* p) {
-  uint32_t v;
-  std::memcpy(&v, p, 4);
-  return v;
 }
 
 Bytes NlMsg(uint16_t type, uint16_t flags, uint32_t seq, const Bytes& body) {

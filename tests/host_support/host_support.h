@@ -56,8 +56,6 @@ struct Command {
 pid_t Start(const Command& cmd);
 // Its exit status, 128 + the signal that ended it, or -1.
 int Wait(pid_t pid);
-// Runs it to its end, its standard output into *out: the exit status.
-int RunCommand(Command cmd, std::string* out = nullptr);
 
 // Runs `body` in a forked child, which hands the parent what it has to say
 // with Report(fd, ...); its result is the child's exit status. The parent
@@ -118,7 +116,9 @@ struct ByteWriter {
   }
 };
 
-uint32_t Le32(const uint8_t* p);
+inline uint32_t Le32(const uint8_t* p) {
+  return p[0] | p[1] << 8 | p[2] << 16 | uint32_t(p[3]) << 24;
+}
 // A netlink message: header (port id 0) and body, padded to 4 bytes.
 Bytes NlMsg(uint16_t type, uint16_t flags, uint32_t seq, const Bytes& body);
 // The messages of a datagram, as far as their lengths hold.

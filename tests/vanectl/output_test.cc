@@ -300,10 +300,10 @@ TEST(CapturePcapng, TsharkReadsFramesTimesAndEvents) {
                         "frame.comment"}) {
     tshark.argv.insert(tshark.argv.end(), {"-e", f});
   }
-  std::string out;
-  ASSERT_EQ(RunCommand(tshark, &out), 0) << out;
+  tshark.stdout_path = dir / "out";
+  ASSERT_EQ(Wait(Start(tshark)), 0) << ReadText(dir / "out");
   // Time, the frame's own length, the bytes the store kept, and the events.
-  EXPECT_EQ(out,
+  EXPECT_EQ(ReadText(dir / "out"),
             "1700000000.000000005|100|64|10.0.0.1|2000|capture 0 on slot 2, store entry 0+event 1 "
             "at 1700000000.000000005+event 9 at 1700000000.000250000 (+249995 ns)\n"
             "1700000001.999999999|60|60|10.0.0.2|2000|capture 1 on slot 2, store entry 7+event 1 "
