@@ -69,13 +69,12 @@ TEST(ApplyTest, TheSampleDryRunIsByteForByteTheReviewedOne) {
     ASSERT_EQ(RunApply(Sample(), vane_endpoint{}, {.dry_run = true, .json = json}, out, err), 0)
         << err.str();
     EXPECT_EQ(err.str(), "");
-    const std::string golden =
-        std::string(VANECTL_GOLDEN_DIR) + "/wlc.dryrun" + (json ? ".json" : "");
-    if (std::getenv("VANECTL_UPDATE_GOLDEN") != nullptr) {
+    const std::string golden = std::string(VANE_GOLDEN_DIR) + "/wlc.dryrun" + (json ? ".json" : "");
+    if (std::getenv("VANE_UPDATE_GOLDEN") != nullptr) {
       std::ofstream(golden, std::ios::binary) << out.str();
     }
     EXPECT_EQ(out.str(), vane::test::ReadText(golden))
-        << "regenerate with VANECTL_UPDATE_GOLDEN=1 and review";
+        << "regenerate with VANE_UPDATE_GOLDEN=1 and review";
   }
 }
 
