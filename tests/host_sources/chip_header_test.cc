@@ -1,17 +1,24 @@
 // The chip-header stage of the sample configuration against the real
 // dispatcher: the module configured as tools/sample/wlc.yaml describes it,
 // Ethernet frames of each kind of the sample network wrapped by the stage
-// and handed to netlink_send_msg, and the worker each one reaches. (IP
-// fragments are followed in the replay of the sample capture.)
+// and handed to netlink_send_msg, and the worker each one reaches. (The
+// sample capture as a whole is played by the main job's short run.)
 #include <gtest/gtest.h>
+#include <yaml-cpp/yaml.h>
 
+#include <map>
+#include <memory>
 #include <set>
+#include <string>
 #include <vector>
 
+#include "config.h"
+#include "core_sink.h"
 #include "drv_vane/netlink.h"
 #include "host/sources/chip_header.h"
-#include "sample_module.h"
+#include "plan.h"
 #include "support/frames.h"
+#include "support/module_env.h"
 #include "support/packet_builder.h"
 
 namespace vane::test {
@@ -40,9 +47,40 @@ Bytes KeepAlive(const Bytes& session) {
   return p;
 }
 
-class SampleChipHeaderTest : public SampleModuleTest {
+// Who received a packet: a vCPU 1..7, or one of these.
+constexpr uint32_t kNormalDefault = 0;
+constexpr uint32_t kFastDefault = 100;
+
+class SampleChipHeaderTest : public ModuleTest {
  protected:
-  // Wraps the frame, sends it, and returns who got it.
+  // The sample file itself, applied as vanectl applies it, so that the suite
+  // tests the configuration the main job runs; a worker for each of its
+  // vCPUs, and default receivers on both channels.
+  void SetUp() override {
+    ModuleTest::SetUp();
+    std::string err;
+    stage_ = host::ChipHeaderStage::FromYaml(
+        YAML::LoadFile(VANE_SAMPLE_CONFIG)["vaned"]["chip_header"], &err);
+    ASSERT_NE(stage_, nullptr) << err;
+    ASSERT_EQ(workers_[kNormalDefault].Register(kNormal, 0), 0);
+    ASSERT_EQ(workers_[kNormalDefault].Register(kFast, 0, kFast), 0);
+    for (uint32_t v = 1; v <= 7; ++v) ASSERT_EQ(workers_[v].Register(kNormal, v), 0);
+    vanectl::test::CoreSink sink(6999);
+    const vane_endpoint ep = sink.Endpoint();
+    vane_ctl* ctl = nullptr;
+    ASSERT_EQ(vane_ctl_open(&ep, &ctl), 0);
+    const int rc = vanectl::ApplyConfig(vanectl::LoadConfig(VANE_SAMPLE_CONFIG), ctl);
+    vane_ctl_close(ctl);
+    ASSERT_EQ(rc, 0);
+    ASSERT_EQ(sink.failures(), 0u) << "first error " << sink.first_error();
+  }
+  void TearDown() override {
+    workers_.clear();
+    ModuleTest::TearDown();
+  }
+
+  // Wraps the frame, sends it, and returns who got it, in receiver order;
+  // the last one's data is kept in last_.
   std::vector<uint32_t> Send(const Bytes& frame) {
     Bytes buf(host::kMaxDeliveryLen);
     uint32_t type = 0;
@@ -50,9 +88,21 @@ class SampleChipHeaderTest : public SampleModuleTest {
                                      buf.data(), static_cast<uint32_t>(buf.size()), &type);
     EXPECT_GT(n, 0u);
     EXPECT_GT(netlink_send_msg(type, buf.data(), n), 0);
-    return Drain();
+    std::vector<uint32_t> got;
+    for (auto& [who, w] : workers_) {
+      for (int ch : {kNormal, kFast}) {
+        for (; w.Pending(ch) != 0; got.push_back(ch == kFast ? kFastDefault : who)) {
+          last_ = w.Next(ch)->data;
+        }
+      }
+    }
+    return got;
   }
   using V = std::vector<uint32_t>;
+
+  std::unique_ptr<host::ChipHeaderStage> stage_;
+  std::map<uint32_t, Worker> workers_;
+  Bytes last_;
 };
 
 TEST_F(SampleChipHeaderTest, CapwapGoesByAccessPointInBothTunnels) {
@@ -60,6 +110,18 @@ TEST_F(SampleChipHeaderTest, CapwapGoesByAccessPointInBothTunnels) {
   EXPECT_EQ(last_[kStamp], 1);  // control
   EXPECT_EQ(Send(Udp("10.1.0.13", "10.0.0.1", 12223, 5247, Bytes(60, 0))), V{1});
   EXPECT_EQ(last_[kStamp], 2);  // data
+  // A datagram in fragments: the first goes by its ports, the later ones,
+  // which carry none, by the fragment rule and the fragment it follows.
+  Ipv4Options ip{.src = Ipv4Addr("10.1.0.12"), .dst = Ipv4Addr("10.0.0.1"), .id = 77, .mf = true};
+  EXPECT_EQ(
+      Send(PacketBuilder().ethernet(kWlcMac, kApMac).ipv4(ip).udp(12223, 5247).payload(40).build()),
+      V{2});
+  ip = {.src = ip.src, .dst = ip.dst, .protocol = 17, .id = 77, .frag_offset = 6};
+  EXPECT_EQ(
+      Send(PacketBuilder().ethernet(kWlcMac, kApMac).ipv4(ip).payload(Bytes(30, 0x30)).build()),
+      V{2});
+  // An access point the file does not name has no tunnel.
+  EXPECT_EQ(Send(Udp("10.1.0.99", "10.0.0.1", 12222, 5246, Bytes(40, 0))), V{kNormalDefault});
 }
 
 TEST_F(SampleChipHeaderTest, KeepAlivesGoBySessionNotByTunnel) {

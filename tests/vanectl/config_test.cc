@@ -1,5 +1,6 @@
-// The configuration format: the sample parses into what it says, and each
-// kind of mistake is refused with the file, line and key that hold it.
+// The configuration format: what it leaves out, and each kind of mistake
+// refused with the file, line and key that hold it. (The sample file is
+// pinned by the golden dry run of apply.)
 #include "config.h"
 
 #include <gtest/gtest.h>
@@ -18,46 +19,6 @@ std::string Error(const std::string& yaml) {
     return e.what();
   }
   return "accepted";
-}
-
-TEST(ConfigTest, TheSampleParsesIntoWhatItSays) {
-  const Config c = LoadConfig(VANECTL_SAMPLE);
-  ASSERT_TRUE(c.dispatch && c.steering && c.timng && c.wlan);
-  const DispatchSection& d = *c.dispatch;
-  EXPECT_TRUE(d.multicore);
-  EXPECT_EQ(d.off_mac, 24u);
-  EXPECT_EQ(d.off_first_frag_flag, 14u);
-  EXPECT_EQ(d.vp_ethertype, 0x8899u);
-  EXPECT_EQ(d.ecm_vcpu_ethertype, 0x06A4u);
-  EXPECT_EQ(d.multicore_interfaces.min, 20u);
-  EXPECT_EQ(d.multicore_interfaces.max, 29u);
-  EXPECT_EQ(d.vp_interfaces.max, 49u);
-
-  ASSERT_TRUE(c.steering->ivo && c.steering->deteption);
-  EXPECT_EQ(c.steering->ivo->cause_ids, std::vector<uint16_t>{200});
-  EXPECT_EQ(c.steering->ivo->range->min, 210u);
-  EXPECT_FALSE(c.steering->deteption->enable);
-
-  ASSERT_EQ(c.timng->entries.size(), 1u);
-  EXPECT_EQ(c.timng->entries[0].node, 6u);
-
-  const WlanSection& w = *c.wlan;
-  EXPECT_EQ(w.board_type, 3u);
-  ASSERT_EQ(w.cause_ids.size(), 7u);
-  EXPECT_EQ(w.cause_ids[2].lb, LbType::kCapwapKa);
-  EXPECT_EQ(w.cause_ids[6].lb, LbType::kAaaMac);
-  EXPECT_EQ(*w.nac, (std::vector<uint32_t>{3, 4}));
-  EXPECT_EQ(w.portal->port, 2000);
-  ASSERT_EQ(w.socket_ports.size(), 2u);
-  EXPECT_FALSE(w.socket_ports[1].tcp);
-  EXPECT_FALSE(w.socket_ports[1].match_src);
-  ASSERT_EQ(w.capwap.size(), 8u);
-  // Host order, as the parser stores the packet's addresses.
-  EXPECT_EQ(w.capwap[0].src, 0x0A01000Bu);
-  EXPECT_EQ(w.capwap[0].dst, 0x0A000001u);
-  EXPECT_EQ(w.capwap[3].sport, 12223);
-  ASSERT_EQ(w.capwap_keepalive.size(), 4u);
-  EXPECT_EQ(w.capwap_keepalive[1].session, (std::array<uint32_t, 4>{0x0a01000c, 0, 0, 2}));
 }
 
 TEST(ConfigTest, MissingSectionsAreLeftOutAndNumbersMayBeHex) {
@@ -191,7 +152,6 @@ TEST(ConfigTest, TheDocumentedExampleParses) {
 }
 
 TEST(ConfigTest, SyntaxErrorsAndUnreadableFilesSayWhere) {
-  EXPECT_EQ(Error("wlan: [\n"), Error("wlan: [\n"));
   EXPECT_EQ(Error("wlan: [\n").rfind("t.yaml:", 0), 0u);
   EXPECT_NE(Error("wlan: [\n").find(": syntax: "), std::string::npos);
   try {

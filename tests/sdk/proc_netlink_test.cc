@@ -1,14 +1,9 @@
-// The pure pieces: the drop-count parser (and its reading of the real file)
-// and the datagram walk.
+// The drop-count parser, and its reading of the real file.
 #include <gtest/gtest.h>
 #include <linux/netlink.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <vector>
-
-#include "fake_daemon.h"
-#include "frame.h"
 #include "proc_netlink.h"
 
 namespace vane::test {
@@ -42,31 +37,6 @@ TEST(ProcNetlinkTest, FindsAnOpenSocketInTheRealFile) {
   ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
   EXPECT_EQ(NetlinkDrops(fd), 0u);
   close(fd);
-}
-
-TEST(WalkDatagramTest, VisitsEachMessageAndFlagsWhatCannotBeFramed) {
-  Bytes two = PacketMsg(1, Bytes(5, 1));
-  const Bytes second = PacketMsg(2, Bytes(3, 2));
-  two.insert(two.end(), second.begin(), second.end());
-  std::vector<uint32_t> types;
-  auto visit = [&](const NlMessage& m) { types.push_back(Load<uint32_t>(m.body.data())); };
-  EXPECT_TRUE(WalkDatagram(two, visit));
-  EXPECT_EQ(types, (std::vector<uint32_t>{1, 2}));
-
-  // The last message may end without its padding.
-  Bytes unpadded = PacketMsg(3, Bytes(5, 3));
-  unpadded.resize(Le32(unpadded.data()));
-  types.clear();
-  EXPECT_TRUE(WalkDatagram(unpadded, visit));
-  EXPECT_EQ(types, (std::vector<uint32_t>{3}));
-
-  Bytes cut = two;
-  cut.resize(two.size() - 2);  // past the padding: the second message now overshoots
-  types.clear();
-  EXPECT_FALSE(WalkDatagram(cut, visit));
-  EXPECT_EQ(types, (std::vector<uint32_t>{1}));
-  EXPECT_FALSE(WalkDatagram(Bytes{}, visit));
-  EXPECT_FALSE(WalkDatagram(Bytes(15, 0), visit));
 }
 
 }  // namespace
