@@ -144,7 +144,10 @@ void UseRealWallClock();
 }  // namespace clock
 
 // ---------------------------------------------------------------------------
-// Fault injection, like the kernel's fault-injection framework.
+// Fault injection, like the kernel's fault-injection framework. Only the test
+// build of the backend (kport_user_testing) has fault sites and defines these
+// controls; the product backend's allocations and copies never fail on
+// demand.
 namespace fault {
 
 enum class Site {
