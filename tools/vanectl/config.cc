@@ -14,19 +14,23 @@
 #include <sstream>
 #include <tuple>
 
+#include "vane/vane.h"
+
 namespace vanectl {
 namespace {
 
-constexpr uint32_t kMaxVcpu = 63;
-constexpr uint32_t kMaxCauseId = 8191;  // 13 bits
-constexpr uint32_t kMaxPort = 65535;
-constexpr uint32_t kMaxOffset = 65535;
-constexpr size_t kMaxSteeringIds = 20;
-constexpr size_t kMaxTimngEntries = 2;
-constexpr size_t kMaxWlanCauseIds = 100;
-constexpr size_t kMaxNac = 16;
-constexpr uint32_t kMinPktType = 1;  // the types the per-vCPU counters keep
-constexpr uint32_t kMaxPktType = 11;
+// What the dispatcher can hold, as libvane states it.
+constexpr uint32_t kMaxVcpu = VANE_VCPU_MAX;
+constexpr uint32_t kMaxCauseId = VANE_CAUSE_ID_VALUE_MAX;
+constexpr size_t kMaxSteeringIds = VANE_STEERING_CAUSEIDS;
+constexpr size_t kMaxTimngEntries = VANE_TIMNG_ENTRIES;
+constexpr size_t kMaxWlanCauseIds = VANE_CAUSEID_MAX;
+constexpr size_t kMaxNac = VANE_NAC_MAX;
+constexpr uint32_t kMinPktType = VANE_PKT_TYPE_MIN;
+constexpr uint32_t kMaxPktType = VANE_PKT_TYPE_MAX;
+// Ports are 16-bit fields; the file keeps offsets within a frame too.
+constexpr uint32_t kMaxPort = UINT16_MAX;
+constexpr uint32_t kMaxOffset = UINT16_MAX;
 
 class Reader {
  public:
