@@ -24,7 +24,7 @@
 #include "kport/user/testing.h"
 #include "support/frames.h"
 #include "support/packet_builder.h"
-#include "support/wlan_stand_in.h"
+#include "support/wlan_msgs.h"
 
 namespace vane::test {
 namespace {
@@ -123,9 +123,6 @@ void Decide(Bytes& buf) {
   benchmark::DoNotOptimize(list);
 }
 
-WlanStandIn g_wlan;
-ScopedWlanStandIn* g_scoped = nullptr;
-
 void Load(const benchmark::State&) {
   vane_entry_init();
   BYPASS_PKT_OFFSET_S cfg = CascadeConfig();
@@ -134,12 +131,16 @@ void Load(const benchmark::State&) {
   InstallBenchSteering();
   TIMNG_KERNEL_MSG_S scan{kScanCause, 8, 1, 1};
   TIMNG_LB_InitKernel(NETLINK_MID_TIMNG, reinterpret_cast<u8*>(&scan), sizeof(scan));
-  g_wlan = {};
-  g_wlan.cause_id = kCapwapCause;
-  g_wlan.lb_type = LB_CAPWAP;
-  g_wlan.pkt_type = 3;
-  g_wlan.vcpu = 11;
-  g_scoped = new ScopedWlanStandIn(&g_wlan);
+  // The CAPWAP cause ID, and an exact CAPWAP entry for every datagram the
+  // five-tuple kinds send (salts t and t + 1000 of each thread, 77).
+  ApplyLb(BoardTypeMsg(WLAN_LB_BOARD_TYPE_LB));
+  ApplyLb(CauseIdMsg({{kCapwapCause, 3, LB_CAPWAP}}));
+  for (uint32_t salt = 0; salt < 128; ++salt) {
+    for (uint32_t base : {0u, 1000u}) {
+      ApplyLb(
+          CapwapMsg({Ipv4Addr("10.1.0.1") + base + salt, Ipv4Addr("10.2.0.1"), 5246, 5247, 0, 11}));
+    }
+  }
   // First fragments of every thread's datagrams, so middle ones find them.
   for (uint32_t th = 0; th < 64; ++th) {
     Bytes vp = Vp(9, BYPASS_FIRST_FRAG_MARK, th, true, 0);
@@ -151,11 +152,7 @@ void Load(const benchmark::State&) {
   }
 }
 
-void Unload(const benchmark::State&) {
-  delete g_scoped;
-  g_scoped = nullptr;
-  vane_entry_exit();
-}
+void Unload(const benchmark::State&) { vane_entry_exit(); }
 
 const int kCpus = static_cast<int>(std::thread::hardware_concurrency());
 

@@ -36,7 +36,6 @@ std::vector<uint8_t> Message(uint32_t id, std::span<const uint8_t> payload) {
 }  // namespace
 
 FreshModule::FreshModule() {
-  kport::user::fault::ClearAll();
   kport::user::klog::Clear();
   // Time moves only when an input says so, from the same instant each time:
   // a timer firing on a thread of its own would make a finding depend on
@@ -70,7 +69,6 @@ FreshModule::FreshModule() {
 }
 
 FreshModule::~FreshModule() {
-  kport::user::fault::ClearAll();
   vane_entry_exit();
   for (auto& worker : sockets_) {
     for (auto& s : worker) s.reset();

@@ -17,7 +17,7 @@
 
 #include "drv_vane/entry.h"
 #include "drv_vane/netlink.h"
-#include "kport/user/testing.h"
+#include "kport/user/host.h"
 #include "log.h"
 #include "run_dir.h"
 #include "vane/wire.h"

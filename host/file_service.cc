@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "kport/netlink.h"
-#include "kport/user/testing.h"
+#include "kport/user/host.h"
 #include "vane/wire.h"
 
 namespace vane::host {

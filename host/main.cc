@@ -20,14 +20,8 @@
 
 #include "daemon.h"
 #include "log.h"
-#include "vane/wire.h"
-
-#if __has_include("sources/factory.h")
 #include "sources/factory.h"
-#define VANED_HAVE_SOURCES 1
-#else
-#define VANED_HAVE_SOURCES 0
-#endif
+#include "vane/wire.h"
 
 namespace {
 
@@ -41,7 +35,6 @@ bool AddSources(vane::host::Daemon& daemon, const YAML::Node& vaned, const std::
   const YAML::Node listed = vaned ? vaned["sources"] : YAML::Node();
   const bool any = !args.empty() || (listed && listed.IsSequence() && listed.size() != 0);
   if (!any) return true;
-#if VANED_HAVE_SOURCES
   vane::host::SourceContext ctx{run_dir, vaned, config_dir};
   std::string err;
   if (!args.empty()) {
@@ -64,13 +57,6 @@ bool AddSources(vane::host::Daemon& daemon, const YAML::Node& vaned, const std::
     daemon.AddSource(std::move(src));
   }
   return true;
-#else
-  (void)daemon;
-  (void)run_dir;
-  (void)config_dir;
-  Log(kLogErr, "this vaned was built without packet sources");
-  return false;
-#endif
 }
 
 int Main(int argc, char** argv) {

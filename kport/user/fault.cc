@@ -1,11 +1,13 @@
-// Fault injection: each site fails on demand, once (the nth call from now) or
-// until cleared, and counts its calls and its injected failures.
-#include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
+// Fault injection, in the test build of the backend only: each site fails on
+// demand, once (the nth call from now) or until cleared, and counts its calls
+// and its injected failures.
 #include <mutex>
 
 #include "internal.h"
+
+#ifndef KPORT_USER_FAULT_INJECTION
+#error "fault.cc belongs to the test build of the backend (KPORT_USER_FAULT_INJECTION)"
+#endif
 
 namespace kport::user {
 namespace {
@@ -47,17 +49,6 @@ bool ShouldFail(fault::Site site) {
   }
   if (fail) ++s.injected;
   return fail;
-}
-
-void Fatal(const char* fmt, ...) {
-  std::fputs("kport: fatal: ", stderr);
-  va_list ap;
-  va_start(ap, fmt);
-  std::vfprintf(stderr, fmt, ap);
-  va_end(ap);
-  std::fputc('\n', stderr);
-  std::fflush(stderr);
-  std::abort();
 }
 
 }  // namespace internal

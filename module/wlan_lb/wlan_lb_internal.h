@@ -78,11 +78,11 @@ void capwap_tables_exit();
 void aaa_tables_init();
 void aaa_tables_exit();
 
-#ifndef __KERNEL__
-// User backend only, for tests of the dispatch pipeline that want fixed
-// answers: each non-null entry answers in place of the cause-ID table or of
-// one table lookup, with the signature of the function it replaces. The
-// kernel build has neither the hooks nor their checks on the packet path.
+// Test builds of the core only (VANE_WLAN_TEST_HOOKS): dispatch tests that
+// want fixed answers install hooks, each non-null entry answering in place of
+// the cause-ID table or of one table lookup, with the signature of the
+// function it replaces. The product core and the kernel module define
+// neither these functions nor the check on the packet path.
 struct WlanLbTestHooks {
   u32 (*is_need_lb)(u16 cause_id, u32* lb_type, u64* pkt_type);
   u32 (*capwap)(const WLAN_LB_FIVE_TUPLE_S* key, u64* vcpu);
@@ -94,13 +94,12 @@ struct WlanLbTestHooks {
 // while no packet is in flight.
 void wlan_lb_set_test_hooks(const WlanLbTestHooks* hooks);
 const WlanLbTestHooks* wlan_lb_test_hooks();
-#endif
 
 }  // namespace vane
 
 // First statement of a hooked lookup: answers from the test hook when one is
-// installed (user backend only; nothing in the kernel build).
-#ifndef __KERNEL__
+// installed (test builds of the core only; nothing in the product).
+#ifdef VANE_WLAN_TEST_HOOKS
 #define VANE_WLAN_HOOK(name, ...)                                        \
   do {                                                                   \
     const vane::WlanLbTestHooks* h = vane::wlan_lb_test_hooks();         \

@@ -168,7 +168,8 @@ static int parse_vcpus(const char* s, uint8_t* out, size_t* n) {
   while (*s) {
     errno = 0;
     const long v = strtol(s, &end, 10);
-    if (errno || end == s || v < 1 || v > 63 || *n == VANE_WORKER_MAX_VCPUS - 1) return -1;
+    if (errno || end == s || v < 1 || v > VANE_VCPU_MAX || *n == VANE_WORKER_MAX_VCPUS - 1)
+      return -1;
     out[(*n)++] = (uint8_t)v;
     s = end;
     if (*s == ',') {

@@ -58,16 +58,20 @@ VANE_SAME_FIELD(vane_steering_table, BYPASS_LB_TABLE_S, cause_id_max, usCauseIdM
 static_assert(VANE_STEERING_CAUSEIDS == BYPASS_LB_CAUSEID_MAX);
 static_assert(VANE_NAC_MAX == WLAN_LB_NAC_MAX);
 static_assert(VANE_CAUSEID_MAX == WLAN_LB_CAUSEID_MAX);
+static_assert(VANE_VCPU_MAX == NETLINK_VCPU_SLOT_NUM - 1);
+static_assert(VANE_TIMNG_ENTRIES == TIMNG_KERNEL_INFO_MAX);
+static_assert(VANE_PROCESS_NAC == WLAN_LB_PROCESS_NAC);
+static_assert(VANE_PKT_TYPE_MIN == WLAN_LB_PKT_TYPE_MIN &&
+              VANE_PKT_TYPE_MAX == WLAN_LB_PKT_TYPE_MAX);
+static_assert(VANE_LB_CAPWAP == LB_CAPWAP && VANE_LB_CAPWAP_KA == LB_CAPWAP_KA &&
+              VANE_LB_AAA_MAC == LB_AAA_MAC && VANE_LB_AAA_PORT == LB_AAA_PORT);
 static_assert(VANE_LB_OP_DELETE == WLAN_LB_OP_DELETE);
 static_assert(sizeof(vane_cause_id_entry) == sizeof(WLAN_LB_CAUSEID_NODE_S));
 VANE_SAME_FIELD(vane_cause_id_entry, WLAN_LB_CAUSEID_NODE_S, cause_id, causeid);
 VANE_SAME_FIELD(vane_cause_id_entry, WLAN_LB_CAUSEID_NODE_S, pkt_type, pkttype);
 VANE_SAME_FIELD(vane_cause_id_entry, WLAN_LB_CAUSEID_NODE_S, lb_type, lbtype);
 
-constexpr uint32_t kVcpuMax = NETLINK_VCPU_SLOT_NUM - 1;
-constexpr uint32_t kCauseIdMax = 0x1FFF;  // 13 bits in the packet
-
-bool ValidVcpu(uint32_t v) { return v <= kVcpuMax; }
+bool ValidVcpu(uint32_t v) { return v <= VANE_VCPU_MAX; }
 bool ValidOp(uint32_t op) { return op == VANE_LB_OP_ADD || op == VANE_LB_OP_DELETE; }
 
 // An LB message: the 8-byte head, then the body.
@@ -131,7 +135,7 @@ int vane_ctl_set_steering(vane_ctl* c, const vane_steering_table* t) {
 
 int vane_ctl_timng_set(vane_ctl* c, uint32_t cause_id, uint32_t node_id, uint32_t is_master,
                        uint32_t is_frag_scan) {
-  if (cause_id > kCauseIdMax || !ValidVcpu(node_id)) return -EINVAL;
+  if (cause_id > VANE_CAUSE_ID_VALUE_MAX || !ValidVcpu(node_id)) return -EINVAL;
   const TIMNG_KERNEL_MSG_S m{cause_id, node_id, is_master, is_frag_scan};
   return vane_ctl_send(c, VANE_CHANNEL_NORMAL, NETLINK_MID_TIMNG, &m, sizeof m);
 }
@@ -215,7 +219,7 @@ int vane_ctl_lb_cause_ids(vane_ctl* c, const vane_cause_id_entry* entries, uint3
   m.head.ulHeadWord = count;
   for (uint32_t i = 0; i < count; ++i) {
     const vane_cause_id_entry& in = entries[i];
-    if (in.cause_id > kCauseIdMax || in.pkt_type < WLAN_LB_PKT_TYPE_MIN ||
+    if (in.cause_id > VANE_CAUSE_ID_VALUE_MAX || in.pkt_type < WLAN_LB_PKT_TYPE_MIN ||
         in.pkt_type > WLAN_LB_PKT_TYPE_MAX || in.lb_type < LB_CAPWAP || in.lb_type > LB_AAA_PORT) {
       return -EINVAL;
     }

@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cstdio>
 #include <fstream>
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -96,20 +97,22 @@ int Run(const Global& g, const CaptureOptions& o) {
 }  // namespace
 
 void AddCapture(CLI::App& app, const Global& g, int& status) {
-  static CaptureOptions o;
+  auto o = std::make_shared<CaptureOptions>();
   CLI::App* c = app.add_subcommand("capture", "Capture packets on the dispatcher into pcapng");
-  c->add_option("--count", o.count, "Packets to capture (1-30)")->check(CLI::Range(1, 30));
-  c->add_option("--filter", o.filters,
+  c->add_option("--count", o->count,
+                fmt::format("Packets to capture (1-{})", VANE_CAPTURE_MAX_TOTAL))
+      ->check(CLI::Range(1, static_cast<int>(VANE_CAPTURE_MAX_TOTAL)));
+  c->add_option("--filter", o->filters,
                 "KEY=VALUE, repeatable: ethertype, sip, dip, sip6, dip6, smac, dmac, len, "
                 "udf=OFFSET:VALUE (twice at most), srcmod, srcport");
-  c->add_option("--timeout", o.timeout, "Seconds to wait for the packets")
+  c->add_option("--timeout", o->timeout, "Seconds to wait for the packets")
       ->check(CLI::PositiveNumber);
-  c->add_option("--interval", o.interval, "Seconds between reads of the store")
+  c->add_option("--interval", o->interval, "Seconds between reads of the store")
       ->check(CLI::PositiveNumber);
-  c->add_option("--settle", o.settle, "Seconds to wait after the last capture for later events");
-  c->add_option("--slot", o.slot, "The dispatcher's slot number (default 0)");
-  c->add_option("-o,--output", o.output, "The pcapng file to write")->required();
-  c->callback([&g, &status] { Guarded(status, [&g] { return Run(g, o); }); });
+  c->add_option("--settle", o->settle, "Seconds to wait after the last capture for later events");
+  c->add_option("--slot", o->slot, "The dispatcher's slot number (default 0)");
+  c->add_option("-o,--output", o->output, "The pcapng file to write")->required();
+  c->callback([&g, &status, o] { Guarded(status, [&g, &o] { return Run(g, *o); }); });
 }
 
 }  // namespace vanectl

@@ -14,19 +14,23 @@
 #include <sstream>
 #include <tuple>
 
+#include "vane/vane.h"
+
 namespace vanectl {
 namespace {
 
-constexpr uint32_t kMaxVcpu = 63;
-constexpr uint32_t kMaxCauseId = 8191;  // 13 bits
-constexpr uint32_t kMaxPort = 65535;
-constexpr uint32_t kMaxOffset = 65535;
-constexpr size_t kMaxSteeringIds = 20;
-constexpr size_t kMaxTimngEntries = 2;
-constexpr size_t kMaxWlanCauseIds = 100;
-constexpr size_t kMaxNac = 16;
-constexpr uint32_t kMinPktType = 1;  // the types the per-vCPU counters keep
-constexpr uint32_t kMaxPktType = 11;
+// What the dispatcher can hold, as libvane states it.
+constexpr uint32_t kMaxVcpu = VANE_VCPU_MAX;
+constexpr uint32_t kMaxCauseId = VANE_CAUSE_ID_VALUE_MAX;
+constexpr size_t kMaxSteeringIds = VANE_STEERING_CAUSEIDS;
+constexpr size_t kMaxTimngEntries = VANE_TIMNG_ENTRIES;
+constexpr size_t kMaxWlanCauseIds = VANE_CAUSEID_MAX;
+constexpr size_t kMaxNac = VANE_NAC_MAX;
+constexpr uint32_t kMinPktType = VANE_PKT_TYPE_MIN;
+constexpr uint32_t kMaxPktType = VANE_PKT_TYPE_MAX;
+// Ports are 16-bit fields; the file keeps offsets within a frame too.
+constexpr uint32_t kMaxPort = UINT16_MAX;
+constexpr uint32_t kMaxOffset = UINT16_MAX;
 
 class Reader {
  public:
@@ -318,14 +322,11 @@ SocketPortEntry ParseSocketPort(const Reader& r, const YAML::Node& n, const std:
   return e;
 }
 
-WlanSection ParseWlan(const Reader& r, const YAML::Node& n) {
-  const Map m(
-      r, n, "wlan",
-      {"board_type", "cause_ids", "nac", "portal", "socket_ports", "capwap", "capwap_keepalive"});
-  WlanSection w;
-  if (m.Has("board_type")) w.board_type = m.U32("board_type");
-
-  std::map<uint32_t, int> cause_lines;
+// The cause-ID table: at most 100 entries, each cause ID once (the
+// dispatcher keeps the first setting of a cause ID for good).
+std::vector<CauseIdEntry> ParseCauseIds(const Reader& r, const Map& m) {
+  std::vector<CauseIdEntry> out;
+  std::map<uint32_t, int> lines;
   r.List(m.Get("cause_ids"), m.Path("cause_ids"), kMaxWlanCauseIds,
          [&](const YAML::Node& item, const std::string& key) {
            const Map e(r, item, key, {"cause_id", "pkt_type", "lb"});
@@ -336,58 +337,72 @@ WlanSection ParseWlan(const Reader& r, const YAML::Node& n) {
            c.lb = static_cast<LbType>(r.Choice(e.Need("lb"), e.Path("lb"),
                                                {"capwap", "capwap_ka", "aaa_mac", "aaa_port"}) +
                                       1);
-           // The dispatcher keeps the first setting of a cause ID for good.
-           if (auto [it, fresh] = cause_lines.emplace(c.cause_id, c.line); !fresh) {
+           if (auto [it, fresh] = lines.emplace(c.cause_id, c.line); !fresh) {
              r.Fail(item, e.Path("cause_id"),
                     fmt::format("cause ID {} is already given on line {}", c.cause_id, it->second));
            }
-           w.cause_ids.push_back(c);
+           out.push_back(c);
          });
+  return out;
+}
 
-  if (m.Has("nac")) {
-    if (!w.board_type) {
-      r.Fail(m.Get("nac"), m.Path("nac"),
-             "needs wlan.board_type: the NAC list message sets the board type too");
-    }
-    w.nac.emplace();
-    r.List(m.Get("nac"), m.Path("nac"), kMaxNac,
-           [&](const YAML::Node& item, const std::string& key) {
-             w.nac->push_back(r.U32(item, key, 1, kMaxVcpu));
-           });
+// The NAC vCPU list, which goes in one message with the board type.
+std::vector<uint32_t> ParseNac(const Reader& r, const Map& m, bool have_board_type) {
+  if (!have_board_type) {
+    r.Fail(m.Get("nac"), m.Path("nac"),
+           "needs wlan.board_type: the NAC list message sets the board type too");
   }
-  if (m.Has("portal")) {
-    const Map p(r, m.Get("portal"), m.Path("portal"), {"port", "vcpu"});
-    w.portal = PortalEntry{static_cast<uint16_t>(p.NeedU32("port", 0, kMaxPort)),
-                           p.NeedU32("vcpu", 1, kMaxVcpu)};
-  }
+  std::vector<uint32_t> out;
+  r.List(m.Get("nac"), m.Path("nac"), kMaxNac, [&](const YAML::Node& item, const std::string& key) {
+    out.push_back(r.U32(item, key, 1, kMaxVcpu));
+  });
+  return out;
+}
 
-  // Entries with one identity replace each other in the dispatcher: a second
-  // one in the file is a mistake, not an update.
-  std::map<std::tuple<uint16_t, bool, bool, bool>, int> ports;
-  r.List(m.Get("socket_ports"), m.Path("socket_ports"), SIZE_MAX,
-         [&](const YAML::Node& item, const std::string& key) {
-           SocketPortEntry e = ParseSocketPort(r, item, key);
-           if (auto [it, fresh] =
-                   ports.emplace(std::tuple(e.port, e.tcp, e.match_src, e.ipv6), e.line);
-               !fresh) {
-             r.Fail(item, key, fmt::format("the same port entry is given on line {}", it->second));
-           }
-           w.socket_ports.push_back(e);
-         });
+PortalEntry ParsePortal(const Reader& r, const Map& m) {
+  const Map p(r, m.Get("portal"), m.Path("portal"), {"port", "vcpu"});
+  return PortalEntry{static_cast<uint16_t>(p.NeedU32("port", 0, kMaxPort)),
+                     p.NeedU32("vcpu", 1, kMaxVcpu)};
+}
 
-  std::map<std::tuple<uint32_t, uint32_t, uint16_t, uint16_t, uint8_t>, int> tunnels;
+// Entries with one identity replace each other in the dispatcher: a second
+// one in the file is a mistake, not an update. So it is for the three lists
+// below.
+std::vector<SocketPortEntry> ParseSocketPorts(const Reader& r, const Map& m) {
+  std::vector<SocketPortEntry> out;
+  std::map<std::tuple<uint16_t, bool, bool, bool>, int> seen;
+  r.List(
+      m.Get("socket_ports"), m.Path("socket_ports"), SIZE_MAX,
+      [&](const YAML::Node& item, const std::string& key) {
+        SocketPortEntry e = ParseSocketPort(r, item, key);
+        if (auto [it, fresh] = seen.emplace(std::tuple(e.port, e.tcp, e.match_src, e.ipv6), e.line);
+            !fresh) {
+          r.Fail(item, key, fmt::format("the same port entry is given on line {}", it->second));
+        }
+        out.push_back(e);
+      });
+  return out;
+}
+
+std::vector<CapwapEntry> ParseCapwapTunnels(const Reader& r, const Map& m) {
+  std::vector<CapwapEntry> out;
+  std::map<std::tuple<uint32_t, uint32_t, uint16_t, uint16_t, uint8_t>, int> seen;
   r.List(m.Get("capwap"), m.Path("capwap"), SIZE_MAX,
          [&](const YAML::Node& item, const std::string& key) {
            CapwapEntry e = ParseCapwap(r, item, key);
            if (auto [it, fresh] =
-                   tunnels.emplace(std::tuple(e.src, e.dst, e.sport, e.dport, e.vpn), e.line);
+                   seen.emplace(std::tuple(e.src, e.dst, e.sport, e.dport, e.vpn), e.line);
                !fresh) {
              r.Fail(item, key, fmt::format("the same tunnel is given on line {}", it->second));
            }
-           w.capwap.push_back(e);
+           out.push_back(e);
          });
+  return out;
+}
 
-  std::map<std::array<uint32_t, 4>, int> sessions;
+std::vector<KeepAliveEntry> ParseKeepAlives(const Reader& r, const Map& m) {
+  std::vector<KeepAliveEntry> out;
+  std::map<std::array<uint32_t, 4>, int> seen;
   r.List(m.Get("capwap_keepalive"), m.Path("capwap_keepalive"), SIZE_MAX,
          [&](const YAML::Node& item, const std::string& key) {
            const Map e(r, item, key, {"session", "vcpu"});
@@ -395,11 +410,26 @@ WlanSection ParseWlan(const Reader& r, const YAML::Node& n) {
            k.line = e.Line();
            k.session = Session(r, e.Need("session"), e.Path("session"));
            k.vcpu = e.NeedU32("vcpu", 1, kMaxVcpu);
-           if (auto [it, fresh] = sessions.emplace(k.session, k.line); !fresh) {
+           if (auto [it, fresh] = seen.emplace(k.session, k.line); !fresh) {
              r.Fail(item, key, fmt::format("the same session is given on line {}", it->second));
            }
-           w.capwap_keepalive.push_back(k);
+           out.push_back(k);
          });
+  return out;
+}
+
+WlanSection ParseWlan(const Reader& r, const YAML::Node& n) {
+  const Map m(
+      r, n, "wlan",
+      {"board_type", "cause_ids", "nac", "portal", "socket_ports", "capwap", "capwap_keepalive"});
+  WlanSection w;
+  if (m.Has("board_type")) w.board_type = m.U32("board_type");
+  w.cause_ids = ParseCauseIds(r, m);
+  if (m.Has("nac")) w.nac = ParseNac(r, m, w.board_type.has_value());
+  if (m.Has("portal")) w.portal = ParsePortal(r, m);
+  w.socket_ports = ParseSocketPorts(r, m);
+  w.capwap = ParseCapwapTunnels(r, m);
+  w.capwap_keepalive = ParseKeepAlives(r, m);
   return w;
 }
 

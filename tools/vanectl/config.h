@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include "vane/vane.h"
+
 namespace vanectl {
 
 // A rejected file: what() is "FILE:LINE:COLUMN: KEY: reason" (line and
@@ -55,7 +57,7 @@ struct DispatchSection {
 struct SteeringTable {
   bool enable = true;
   uint32_t vcpu = 0;
-  std::vector<uint16_t> cause_ids;  // at most 20
+  std::vector<uint16_t> cause_ids;  // at most VANE_STEERING_CAUSEIDS
   std::optional<Range> range;       // min >= 1: a minimum of 0 means "no range"
 };
 
@@ -72,10 +74,15 @@ struct TimngEntry {
 
 struct TimngSection {
   bool master = false;
-  std::vector<TimngEntry> entries;  // at most 2
+  std::vector<TimngEntry> entries;  // at most VANE_TIMNG_ENTRIES
 };
 
-enum class LbType : uint32_t { kCapwap = 1, kCapwapKa = 2, kAaaMac = 3, kAaaPort = 4 };
+enum class LbType : uint32_t {
+  kCapwap = VANE_LB_CAPWAP,
+  kCapwapKa = VANE_LB_CAPWAP_KA,
+  kAaaMac = VANE_LB_AAA_MAC,
+  kAaaPort = VANE_LB_AAA_PORT,
+};
 
 struct CauseIdEntry {
   uint32_t cause_id = 0;
@@ -112,7 +119,7 @@ struct SocketPortEntry {
   bool ipv6 = false;
   int line = 0;
 };
-constexpr uint32_t kNacProcess = 0xFFFFFFFFu;
+constexpr uint32_t kNacProcess = VANE_PROCESS_NAC;
 
 struct PortalEntry {
   uint16_t port = 0;
@@ -121,8 +128,8 @@ struct PortalEntry {
 
 struct WlanSection {
   std::optional<uint32_t> board_type;
-  std::vector<CauseIdEntry> cause_ids;       // at most 100
-  std::optional<std::vector<uint32_t>> nac;  // at most 16; an empty list clears it
+  std::vector<CauseIdEntry> cause_ids;       // at most VANE_CAUSEID_MAX
+  std::optional<std::vector<uint32_t>> nac;  // at most VANE_NAC_MAX; an empty list clears it
   std::optional<PortalEntry> portal;
   std::vector<SocketPortEntry> socket_ports;
   std::vector<CapwapEntry> capwap;

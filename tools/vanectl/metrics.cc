@@ -91,11 +91,12 @@ int Scrape(const Global& g, const std::string& path) {
 }  // namespace
 
 void AddMetrics(CLI::App& app, const Global& g, int& status) {
-  static std::string output;
+  auto output = std::make_shared<std::string>();
   CLI::App* m = app.add_subcommand("metrics", "Statistics in the Prometheus text format");
-  m->add_option("-o,--output", output,
+  m->add_option("-o,--output", *output,
                 "Write to this file (replaced atomically) instead of stdout");
-  m->callback([&g, &status] { Guarded(status, [&g] { return Scrape(g, output); }); });
+  m->callback(
+      [&g, &status, output] { Guarded(status, [&g, &output] { return Scrape(g, *output); }); });
 }
 
 }  // namespace vanectl

@@ -137,8 +137,8 @@ void SteeringTable(std::string_view name, const vane_steering_table& t, uint32_t
     range = {{"min", t.cause_id_min}, {"max", t.cause_id_max}, {"hits", range_hits}};
   }
   if (!listed) {
-    r->text +=
-        fmt::format("  (cause ID count {} is above 20: the list is not used)\n", t.cause_id_count);
+    r->text += fmt::format("  (cause ID count {} is above {}: the list is not used)\n",
+                           t.cause_id_count, VANE_STEERING_CAUSEIDS);
   }
   if (!tab.empty()) {
     r->text += tab.Render();

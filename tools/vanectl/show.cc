@@ -43,24 +43,6 @@ std::unique_ptr<T> DecodeFile(Files& f, const char* path, Decode decode) {
   return out;
 }
 
-// The attribute shows the view last selected, for every reader: select it
-// right before reading. (Writing 0 would clear the message counters.)
-std::string WlanView(Files& f, int view) {
-  const std::string sel = std::to_string(view);
-  f.Write(kWlanAttrPath, sel.data(), sel.size());
-  const auto img = f.Read(kWlanAttrPath);
-  return {img.begin(), img.end()};
-}
-
-template <typename T, typename Decode>
-int ShowWlanView(const Global& g, int view, Decode decode, Rendered (*render)(const T&)) {
-  Files f(g);
-  const std::string text = WlanView(f, view);
-  auto out = std::make_unique<T>();
-  Check(decode(text.data(), text.size(), out.get()), kWlanAttrPath);
-  return Print(g, render(*out));
-}
-
 uint32_t ParseIpv4(const std::string& s) {
   in_addr a{};
   if (inet_pton(AF_INET, s.c_str(), &a) != 1) {
@@ -91,133 +73,149 @@ void ParseSession(const std::string& s, uint32_t out[4]) {
   }
 }
 
+// What a view's command line gave it: each view reads only its own.
+struct ShowArgs {
+  bool all = false;     // counters --all
+  std::string family;   // frag: ipv4, ipv6 or empty for both
+  std::string address;  // wlan capwap: the source address
+  std::string session;  // wlan capwap-ka: the session identifier
+};
+
+Rendered Counters(Files& f, const ShowArgs& a) {
+  auto c = DecodeFile<vane_counters>(f, kCountsPath, vane_decode_counters);
+  return RenderCounters(*c, a.all);
+}
+
+Rendered Debug(Files& f, const ShowArgs&) {
+  const auto img = f.Read(kDebugPath);
+  vane::decode::DebugText d;
+  Check(vane::decode::Debug(img.data(), img.size(), &d), kDebugPath);
+  return RenderDebug(d);
+}
+
+Rendered Frag(Files& f, const ShowArgs& a) {
+  Rendered r;
+  r.json = nlohmann::json::object();
+  if (a.family != "ipv6") {
+    auto d = DecodeFile<vane_frag4_dump>(f, kFrag4Path, vane_decode_frag4);
+    const Rendered v4 = RenderFrag4(*d);
+    r.text += v4.text;
+    r.json["ipv4"] = v4.json;
+  }
+  if (a.family != "ipv4") {
+    auto d = DecodeFile<vane_frag6_dump>(f, kFrag6Path, vane_decode_frag6);
+    const Rendered v6 = RenderFrag6(*d);
+    r.text += (r.text.empty() ? "" : "\n") + v6.text;
+    r.json["ipv6"] = v6.json;
+  }
+  return a.family.empty() ? r : Rendered{r.text, r.json[a.family]};
+}
+
+Rendered Steering(Files& f, const ShowArgs&) {
+  return RenderSteering(*DecodeFile<vane_ivo_stats>(f, kIvoPath, vane_decode_ivo));
+}
+
+Rendered Capture(Files& f, const ShowArgs&) {
+  const auto img = f.ReadOnce(kCatchPath, VANE_CAPTURE_STORE_SIZE);
+  auto s = std::make_unique<vane_capture_store>();
+  Check(vane_decode_capture_store(img.data(), img.size(), s.get()), kCatchPath);
+  return RenderCapture(*s);
+}
+
+// The attribute shows the view last selected, for every reader: select it
+// right before reading. (Writing 0 would clear the message counters.)
+template <int kView, typename T, auto kDecode, auto kRender>
+Rendered WlanAttr(Files& f, const ShowArgs&) {
+  const std::string sel = std::to_string(kView);
+  f.Write(kWlanAttrPath, sel.data(), sel.size());
+  const auto img = f.Read(kWlanAttrPath);
+  auto out = std::make_unique<T>();
+  Check(kDecode(reinterpret_cast<const char*>(img.data()), img.size(), out.get()), kWlanAttrPath);
+  return kRender(*out);
+}
+
+Rendered Capwap(Files& f, const ShowArgs& a) {
+  uint8_t k[VANE_CAPWAP_KEY_SIZE];
+  vane_build_capwap_key(ParseIpv4(a.address), k);
+  f.Write(kCapwapPath, k, sizeof k);
+  return RenderCapwap(*DecodeFile<vane_capwap_view>(f, kCapwapPath, vane_decode_capwap));
+}
+
+Rendered CapwapKa(Files& f, const ShowArgs& a) {
+  uint32_t words[4];
+  ParseSession(a.session, words);
+  uint8_t k[VANE_CAPWAP_KA_KEY_SIZE];
+  vane_build_capwap_ka_key(words, k);
+  f.Write(kCapwapKaPath, k, sizeof k);
+  return RenderCapwapKa(*DecodeFile<vane_capwap_ka_view>(f, kCapwapKaPath, vane_decode_capwap_ka));
+}
+
+// The options of the views that take one.
+void AllFlag(CLI::App* cmd, ShowArgs* a) {
+  cmd->add_flag("--all", a->all, "Every vCPU and packet type, also those at zero");
+}
+void FamilyArg(CLI::App* cmd, ShowArgs* a) {
+  cmd->add_option("family", a->family, "ipv4 or ipv6")->check(CLI::IsMember({"ipv4", "ipv6"}));
+}
+void AddressArg(CLI::App* cmd, ShowArgs* a) {
+  cmd->add_option("KEY", a->address, "Source address (IPv4)")->required();
+}
+void SessionArg(CLI::App* cmd, ShowArgs* a) {
+  cmd->add_option("SESSION", a->session, "Session identifier: four hex words a:b:c:d")->required();
+}
+
+// One view of `show`: its subcommand (under `show wlan` when wlan is set),
+// its options, and what it reads and renders.
+struct View {
+  bool wlan;
+  const char* name;
+  const char* help;
+  void (*options)(CLI::App*, ShowArgs*);  // null: none
+  Rendered (*show)(Files&, const ShowArgs&);
+};
+
+const View kViews[] = {
+    {false, "counters", "Packet counters per vCPU and type", AllFlag, Counters},
+    {false, "debug", "The debug text, line by line", nullptr, Debug},
+    {false, "frag", "The IPv4 or IPv6 fragment table (default both)", FamilyArg, Frag},
+    {false, "steering", "The ivo and deteption tables and their hits", nullptr, Steering},
+    {false, "capture", "The capture store (reading it empties it)", nullptr, Capture},
+    {true, "stats", "LB messages applied, by set type", nullptr,
+     WlanAttr<VANE_WLAN_VIEW_STATS, vane_wlan_stats, vane_decode_wlan_stats, RenderWlanStats>},
+    {true, "causeid", "The cause-ID table", nullptr,
+     WlanAttr<VANE_WLAN_VIEW_CAUSEID, vane_wlan_causeids, vane_decode_wlan_causeids,
+              RenderWlanCauseIds>},
+    {true, "aaa", "The NAC vCPU list", nullptr,
+     WlanAttr<VANE_WLAN_VIEW_NAC, vane_wlan_nac, vane_decode_wlan_nac, RenderWlanNac>},
+    {true, "ports", "Socket ports, RADIUS CoA and Portal", nullptr,
+     WlanAttr<VANE_WLAN_VIEW_PORTS, vane_wlan_ports, vane_decode_wlan_ports, RenderWlanPorts>},
+    {true, "capwap", "The CAPWAP tunnels from one source address", AddressArg, Capwap},
+    {true, "capwap-ka", "The keep-alive session with one identifier", SessionArg, CapwapKa},
+};
+
 }  // namespace
 
 void AddShow(CLI::App& app, const Global& g, int& status) {
   CLI::App* show = app.add_subcommand("show", "Decode and show a diagnostic file");
   show->require_subcommand(1);
-
-  auto* counters = show->add_subcommand("counters", "Packet counters per vCPU and type");
-  static bool all = false;
-  counters->add_flag("--all", all, "Every vCPU and packet type, also those at zero");
-  counters->callback([&g, &status] {
-    Guarded(status, [&g] {
-      Files f(g);
-      auto c = DecodeFile<vane_counters>(f, kCountsPath, vane_decode_counters);
-      return Print(g, RenderCounters(*c, all));
-    });
-  });
-
-  show->add_subcommand("debug", "The debug text, line by line")->callback([&g, &status] {
-    Guarded(status, [&g] {
-      Files f(g);
-      const auto img = f.Read(kDebugPath);
-      vane::decode::DebugText d;
-      Check(vane::decode::Debug(img.data(), img.size(), &d), kDebugPath);
-      return Print(g, RenderDebug(d));
-    });
-  });
-
-  auto* frag = show->add_subcommand("frag", "The IPv4 or IPv6 fragment table (default both)");
-  static std::string family;
-  frag->add_option("family", family, "ipv4 or ipv6")->check(CLI::IsMember({"ipv4", "ipv6"}));
-  frag->callback([&g, &status] {
-    Guarded(status, [&g] {
-      Files f(g);
-      Rendered r;
-      r.json = nlohmann::json::object();
-      if (family != "ipv6") {
-        auto d = DecodeFile<vane_frag4_dump>(f, kFrag4Path, vane_decode_frag4);
-        const Rendered v4 = RenderFrag4(*d);
-        r.text += v4.text;
-        r.json["ipv4"] = v4.json;
-      }
-      if (family != "ipv4") {
-        auto d = DecodeFile<vane_frag6_dump>(f, kFrag6Path, vane_decode_frag6);
-        const Rendered v6 = RenderFrag6(*d);
-        r.text += (r.text.empty() ? "" : "\n") + v6.text;
-        r.json["ipv6"] = v6.json;
-      }
-      return Print(g, family.empty() ? r : Rendered{r.text, r.json[family]});
-    });
-  });
-
-  show->add_subcommand("steering", "The ivo and deteption tables and their hits")
-      ->callback([&g, &status] {
-        Guarded(status, [&g] {
-          Files f(g);
-          auto s = DecodeFile<vane_ivo_stats>(f, kIvoPath, vane_decode_ivo);
-          return Print(g, RenderSteering(*s));
-        });
+  CLI::App* wlan = nullptr;  // after the other views, as the table lists them
+  // Owned by the callbacks, which the application keeps as long as the
+  // options that fill it.
+  auto args = std::make_shared<ShowArgs>();
+  for (const View& v : kViews) {
+    if (v.wlan && wlan == nullptr) {
+      wlan = show->add_subcommand("wlan", "The WLAN load-balancing tables");
+      wlan->require_subcommand(1);
+    }
+    CLI::App* cmd = (v.wlan ? wlan : show)->add_subcommand(v.name, v.help);
+    if (v.options != nullptr) v.options(cmd, args.get());
+    cmd->callback([&g, &status, args, &v] {
+      Guarded(status, [&] {
+        Files f(g);
+        return Print(g, v.show(f, *args));
       });
-
-  show->add_subcommand("capture", "The capture store (reading it empties it)")
-      ->callback([&g, &status] {
-        Guarded(status, [&g] {
-          Files f(g);
-          const auto img = f.ReadOnce(kCatchPath, VANE_CAPTURE_STORE_SIZE);
-          auto s = std::make_unique<vane_capture_store>();
-          Check(vane_decode_capture_store(img.data(), img.size(), s.get()), kCatchPath);
-          return Print(g, RenderCapture(*s));
-        });
-      });
-
-  auto* wlan = show->add_subcommand("wlan", "The WLAN load-balancing tables");
-  wlan->require_subcommand(1);
-  wlan->add_subcommand("stats", "LB messages applied, by set type")->callback([&g, &status] {
-    Guarded(status, [&g] {
-      return ShowWlanView<vane_wlan_stats>(g, VANE_WLAN_VIEW_STATS, vane_decode_wlan_stats,
-                                           RenderWlanStats);
     });
-  });
-  wlan->add_subcommand("causeid", "The cause-ID table")->callback([&g, &status] {
-    Guarded(status, [&g] {
-      return ShowWlanView<vane_wlan_causeids>(g, VANE_WLAN_VIEW_CAUSEID, vane_decode_wlan_causeids,
-                                              RenderWlanCauseIds);
-    });
-  });
-  wlan->add_subcommand("aaa", "The NAC vCPU list")->callback([&g, &status] {
-    Guarded(status, [&g] {
-      return ShowWlanView<vane_wlan_nac>(g, VANE_WLAN_VIEW_NAC, vane_decode_wlan_nac,
-                                         RenderWlanNac);
-    });
-  });
-  wlan->add_subcommand("ports", "Socket ports, RADIUS CoA and Portal")->callback([&g, &status] {
-    Guarded(status, [&g] {
-      return ShowWlanView<vane_wlan_ports>(g, VANE_WLAN_VIEW_PORTS, vane_decode_wlan_ports,
-                                           RenderWlanPorts);
-    });
-  });
-
-  auto* capwap = wlan->add_subcommand("capwap", "The CAPWAP tunnels from one source address");
-  static std::string key;
-  capwap->add_option("KEY", key, "Source address (IPv4)")->required();
-  capwap->callback([&g, &status] {
-    Guarded(status, [&g] {
-      uint8_t k[VANE_CAPWAP_KEY_SIZE];
-      vane_build_capwap_key(ParseIpv4(key), k);
-      Files f(g);
-      f.Write(kCapwapPath, k, sizeof k);
-      auto v = DecodeFile<vane_capwap_view>(f, kCapwapPath, vane_decode_capwap);
-      return Print(g, RenderCapwap(*v));
-    });
-  });
-
-  auto* ka = wlan->add_subcommand("capwap-ka", "The keep-alive session with one identifier");
-  static std::string session;
-  ka->add_option("SESSION", session, "Session identifier: four hex words a:b:c:d")->required();
-  ka->callback([&g, &status] {
-    Guarded(status, [&g] {
-      uint32_t words[4];
-      ParseSession(session, words);
-      uint8_t k[VANE_CAPWAP_KA_KEY_SIZE];
-      vane_build_capwap_ka_key(words, k);
-      Files f(g);
-      f.Write(kCapwapKaPath, k, sizeof k);
-      auto v = DecodeFile<vane_capwap_ka_view>(f, kCapwapKaPath, vane_decode_capwap_ka);
-      return Print(g, RenderCapwapKa(*v));
-    });
-  });
+  }
 }
 
 }  // namespace vanectl

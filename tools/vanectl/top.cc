@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <memory>
 #include <thread>
 
 #include "commands.h"
@@ -60,11 +61,11 @@ int Run(const Global& g, const TopOptions& o) {
 }  // namespace
 
 void AddTop(CLI::App& app, const Global& g, int& status) {
-  static TopOptions o;
+  auto o = std::make_shared<TopOptions>();
   CLI::App* t = app.add_subcommand("top", "Live per-vCPU and per-type packet rates");
-  t->add_option("--interval", o.interval, "Seconds between samples")->check(CLI::PositiveNumber);
-  t->add_option("--iterations", o.iterations, "Screens to show (0: until interrupted)");
-  t->callback([&g, &status] { Guarded(status, [&g] { return Run(g, o); }); });
+  t->add_option("--interval", o->interval, "Seconds between samples")->check(CLI::PositiveNumber);
+  t->add_option("--iterations", o->iterations, "Screens to show (0: until interrupted)");
+  t->callback([&g, &status, o] { Guarded(status, [&g, &o] { return Run(g, *o); }); });
 }
 
 }  // namespace vanectl

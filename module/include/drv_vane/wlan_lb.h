@@ -303,21 +303,71 @@ extern WLAN_LB_NAC_NODE_TBL_S* g_pstNACNodidTbl;
  * an entry of its own that tells the Len field from the bytes received. */
 u32 WLAN_LB_PacketDistribute_Proc(u32 ulMsgId, const void* pMsg, u32 ulLen);
 
-/* ---- CAPWAP and keep-alive tables ---- */
+/* ---- CAPWAP and keep-alive tables ----
+ *
+ * Two tables of the same shape: the CAPWAP table keyed by (sip, dip, sport,
+ * dport, vpn), the keep-alive table by the four session words, one record
+ * per key, each with the process (vCPU) that serves it. Each function has a
+ * CAPWAP form and a keep-alive (KA) form that behave alike.
+ *
+ * Locking: the writers (Init*, *AddHashNode, *DeleteHashNode, the
+ * PacketDistribute_* functions) take the writer lock themselves and must
+ * not be called with it held; process context, nothing sleeps. The lookups
+ * take no lock. The Find functions take nothing either: their caller holds
+ * the writer lock or stays inside an RCU read-side section for as long as
+ * it uses the record returned.
+ *
+ * RCU: a new record is published whole; a process change rewrites one
+ * aligned word in place, so a reader sees the old or the new vCPU; a removed
+ * record is freed by kport_call_rcu after a grace period (the module's exit
+ * waits for those frees with kport_rcu_barrier). A table, once created,
+ * stays until unload. */
 
+/* Create the table if it is absent and publish it; the table, or NULL when
+ * memory is short (a later call or entry message tries again). An existing
+ * table is returned as it is. Takes the writer lock. */
 HASH_TABLE_S* WLAN_LB_InitCAPWAPLBHashTable(void);
 HASH_TABLE_S* WLAN_LB_InitCAPWAPKeepAliveLBHashTable(void);
+
+/* The tables' callbacks, pure and lock-free in any context. Hashkey: the
+ * sum of the key fields (sport + dport + vpn + sip + dip, or the four
+ * session words) modulo 281; 1 for a NULL key. Hashmatch: 1 when every key
+ * field is equal (the process is not compared), 0 otherwise or for NULL. */
 u64 WLAN_LB_CAPWAP_Hashkey(const void* pKey);
 u32 WLAN_LB_CAPWAP_Hashmatch(const void* pData, const void* pKey);
 u64 WLAN_LB_CAPWAP_KA_Hashkey(const void* pKey);
 u32 WLAN_LB_CAPWAP_KA_Hashmatch(const void* pData, const void* pKey);
+
+/* The stored record with pstKey's key fields, or NULL for a NULL key, when
+ * the table does not exist yet, or when no record has that key. Takes no
+ * lock; see Locking above for how long the record may be used. Read its
+ * process once: a writer may change it meanwhile. */
 WLAN_LB_CAPWAP_NODE_S* WLAN_LB_CAPWAP_LB_FindNodeByNode(const WLAN_LB_CAPWAP_NODE_S* pstKey);
 WLAN_LB_CAPWAP_KA_NODE_S* WLAN_LB_CAPWAP_KA_LB_FindNodeByNode(
     const WLAN_LB_CAPWAP_KA_NODE_S* pstKey);
+
+/* Add a copy of the record (its padding zeroed), or rewrite the process of
+ * the record already stored with its key. Does not create the table.
+ *   WLAN_LB_OK      added or updated
+ *   WLAN_LB_ERR     NULL record, no table yet, or no memory for the record
+ *   HASH_ERR_NOMEM  (101) no memory for the table's list node
+ * Takes the writer lock. */
 u32 WLAN_LB_CAPWAP_LB_AddHashNode(const WLAN_LB_CAPWAP_NODE_S* pstNode);
 u32 WLAN_LB_CAPWAP_KA_LB_AddHashNode(const WLAN_LB_CAPWAP_KA_NODE_S* pstNode);
+
+/* Remove the record with pstKey's key fields, whatever its process: 0 when
+ * one was removed; 1 for a NULL key, no table, or no such record. Takes the
+ * writer lock; the record is freed after a grace period. */
 u32 WLAN_LB_CAPWAP_LB_DeleteHashNode(const WLAN_LB_CAPWAP_NODE_S* pstKey);
 u32 WLAN_LB_CAPWAP_KA_LB_DeleteHashNode(const WLAN_LB_CAPWAP_KA_NODE_S* pstKey);
+
+/* An entry message (set type 0 or 1) applied to an existing table. HashSet
+ * adds or updates the record the message carries (results of AddHashNode),
+ * HashDelete removes its key (results of DeleteHashNode), HashProc does
+ * either by op (2 deletes, anything else sets) and traces the outcome at
+ * the packet debug level. A NULL message: 1. None creates the table: the LB
+ * message handler does before it applies an entry. Each takes the writer
+ * lock. */
 u32 WLAN_LB_PacketDistribute_CAPWAPHashSet(const WLAN_LB_CAPWAP_MSG_S* pstMsg);
 u32 WLAN_LB_PacketDistribute_CAPWAPKAHashSet(const WLAN_LB_CAPWAP_KA_MSG_S* pstMsg);
 u32 WLAN_LB_PacketDistribute_CAPWAPHashDelete(const WLAN_LB_CAPWAP_MSG_S* pstMsg);
@@ -325,30 +375,87 @@ u32 WLAN_LB_PacketDistribute_CAPWAPKAHashDelete(const WLAN_LB_CAPWAP_KA_MSG_S* p
 u32 WLAN_LB_PacketDistribute_CAPWAPHashProc(const WLAN_LB_CAPWAP_MSG_S* pstMsg);
 u32 WLAN_LB_PacketDistribute_CAPWAPKAHashProc(const WLAN_LB_CAPWAP_KA_MSG_S* pstMsg);
 
-/* ---- Cause-ID table ---- */
+/* ---- Cause-ID table ----
+ *
+ * Which cause IDs are load-balanced, by which LB type and packet type. The
+ * table only grows: the first setting of a cause ID stays for the life of
+ * the module, so a published record never changes. Locking and RCU as for
+ * the CAPWAP tables. */
 
+/* As WLAN_LB_InitCAPWAPLBHashTable, for this table. */
 HASH_TABLE_S* WLAN_LB_InitLBCauseIDHashTable(void);
+/* Pure, any context: the cause ID modulo 100 (1 for NULL); 1 when the cause
+ * IDs are equal, else 0 (0 for NULL). */
 u64 WLAN_LB_CauseID_Hashkey(const void* pKey);
 u32 WLAN_LB_CauseID_Hashmatch(const void* pData, const void* pKey);
+/* The record of pstKey's cause ID, or NULL (NULL key, no table, unknown
+ * cause ID). Takes no lock: writer lock held or inside an RCU read-side
+ * section for as long as the record is used. */
 WLAN_LB_CAUSEID_NODE_S* WLAN_LB_CauseID_Table_FindNodeByNode(const WLAN_LB_CAUSEID_NODE_S* pstKey);
+/* Add the cause ID unless it is already there (the stored record is then
+ * left unchanged). Does not create the table.
+ *   WLAN_LB_OK      added, or already present
+ *   WLAN_LB_ERR     NULL record, no table yet, or no memory for the record
+ *   HASH_ERR_NOMEM  (101) no memory for the table's list node
+ * Takes the writer lock. */
 u32 WLAN_LB_CauseID_Table_AddHashNode(const WLAN_LB_CAUSEID_NODE_S* pstNode);
+/* Create the table if it is absent (unless pstNodes is NULL or ulCount 0),
+ * then add ulCount entries read from pstNodes at any alignment, each as
+ * WLAN_LB_CauseID_Table_AddHashNode does, dropping the ones that fail; more
+ * than 100 entries add none. Takes the writer lock. */
 void WLAN_LB_SetCauseIDTable(const WLAN_LB_CAUSEID_NODE_S* pstNodes, u32 ulCount);
 
-/* ---- Socket-port lists, Portal, RADIUS CoA, NAC list ---- */
+/* ---- Socket-port lists, Portal, RADIUS CoA, NAC list ----
+ *
+ * The socket-port lists (one UDP, one TCP) hold entries identified by
+ * (port, SrcPortFlag, isIpv6); an entry never changes once published: a
+ * new process replaces it with a new entry linked in front before the old
+ * one is unlinked, and unlinked entries are freed after a grace period. The
+ * Portal and CoA entries are single aligned words, rewritten in place. A
+ * NAC list reload publishes a new copy and frees the old one after a grace
+ * period. The writers below take the writer lock themselves (process
+ * context, never with it held); the lookups open their own RCU read-side
+ * section and take no lock. */
 
+/* The entry with that identity in the UDP (ucTcpFlag 0) or TCP list, or
+ * NULL. Takes no lock: writer lock held or inside an RCU read-side section
+ * for as long as the entry is used. */
 WLAN_LB_SOCKET_PORT_NODE_S* WLAN_LB_FindSocketPortDistributeTblNodeByPort(u16 usPort, u8 ucTcpFlag,
                                                                           u8 ucSrcPortFlag,
                                                                           u32 ulIsIpv6);
+/* Set the identity's process, replacing an entry it had: 0; 1 when memory
+ * is short (the old entry, if any, stays). */
 u32 WLAN_LB_SetSocketPortDistributeTbl(u16 usPort, u8 ucTcpFlag, u32 ulProcess, u8 ucSrcPortFlag,
                                        u32 ulIsIpv6);
+/* Remove the identity's entry if there is one: always 0. */
 u32 WLAN_LB_DeleteSocketPortDistributeTbl(u16 usPort, u8 ucTcpFlag, u8 ucSrcPortFlag, u32 ulIsIpv6);
+/* A set-type-4 body (at any alignment): op 2 deletes, anything else sets;
+ * traced at the packet debug level. 1 for NULL, else 0 even when a set
+ * found no memory. */
 u32 WLAN_LB_ProcSocketPortDistributeTbl(const WLAN_LB_SOCKET_PORT_MSG_S* pstMsg);
+/* Lookups, any context. GetDst: always 0; *pullProcess (when not NULL) is
+ * the process of the port's destination entry (SrcPortFlag 0), the IPv4 one
+ * before the IPv6 one, or 0 without one. CheckIsSrc: 1 when the port has a
+ * source entry (SrcPortFlag 1) of either family, else 0. */
 u32 WLAN_LB_GetDstSocketPortNodeID(u16 usPort, u8 ucTcpFlag, u64* pullProcess);
 u32 WLAN_LB_CheckIsSrcSocketPortNeedDistribute(u16 usPort, u8 ucTcpFlag);
+/* Both CoA entries back to port 3799, process 0xFFFFFFFF (every NAC vCPU). */
 void WLAN_LB_InitRdsCOADistributeTbl(void);
+/* CoA entry ucIndex (0 or 1) set: 0; 1 for another index, which changes
+ * nothing and takes no lock. */
 u32 WLAN_LB_SetAAARdsCOADistributeTbl(u16 usPort, u32 ulProcess, u8 ucIndex);
+/* The Portal entry set: always 0. */
 u32 WLAN_LB_SetAAAPortalDistributeTbl(u16 usPort, u32 ulProcess);
+/* Load a new NAC list: usCount kept as sent, ids copied from pulIds (any
+ * alignment) up to usCount, ulCapacity / 4 and 16. Nothing for a NULL
+ * pulIds; when memory is short the old list stays and an error line goes to
+ * the debug text. */
 void WLAN_LB_InitAAAAccessVcpuIDList(const u32* pulIds, u32 ulCapacity, u16 usCount);
+/* The NAC vCPU of a byte string (a client MAC): a djb2 hash of the usLength
+ * bytes modulo the list's count. 0 with the id; 1 with *pullVcpu 0 when
+ * pucBytes is NULL, usLength is not within 6..128, the list is empty, or the
+ * slot lies past the 16 ids held; 1 with nothing written when pullVcpu is
+ * NULL. Any context; opens its own RCU read-side section. */
 u32 WLAN_LB_HashAAAAccessVcpuID(const u8* pucBytes, u16 usLength, u64* pullVcpu);
 
 /* ---- Status views ---- */
@@ -400,8 +507,10 @@ void WLAN_LB_ExitSysfs(void);
 /* ---- Packet path ---- */
 
 /* The LB type and packet type of a cause ID: 0 with the table's values when
- * it is load-balanced, else 1 with *pulLbType 7 and *pullPktType 12. A null
- * output: 1, nothing written. Any context, lock-free. */
+ * it is load-balanced, else 1 with *pulLbType 7 and *pullPktType 12; no
+ * cause ID is load-balanced before the first LB message or while the board
+ * type is not 3. A null output: 1, nothing written. Any context; opens its
+ * own RCU read-side section and takes no lock. */
 u32 WLAN_LB_IsNeedLBPkt(u16 usCauseId, u32* pulLbType, u64* pullPktType);
 
 /* The vCPUs of a packet by LB type, from the record of that type (pKey).
@@ -410,8 +519,24 @@ u32 WLAN_LB_IsNeedLBPkt(u16 usCauseId, u32* pulLbType, u64* pullPktType);
  * to 8 ids; other types write nothing. Any context, lock-free. */
 u32 WLAN_LB_GetPktVCPUID(const void* pKey, u32 ulLBType, u32* pulVcpuNum, u8* pucVcpuIds);
 
-/* The per-table lookups behind WLAN_LB_GetPktVCPUID (results as documented
- * per lookup type). Any context; each opens its own RCU read-side section. */
+/* The per-table lookups behind WLAN_LB_GetPktVCPUID. Any context; each
+ * opens its own RCU read-side section, takes no lock and allocates nothing.
+ * A NULL key or output: 1 with nothing written, except as noted.
+ *  - ByCAPWAPKey: the flow's own entry (ports cut to 16 bits, vpn to 8),
+ *    then the entry for any address on its destination port, then the one
+ *    for any address on its two ports. 0 with the first hit's process; 1
+ *    with *pullVcpu untouched when none matches or no table exists.
+ *  - ByCAPWAPSessionidKey: the session's entry; results as above.
+ *  - GetAAAAccessVcpuID: WLAN_LB_HashAAAAccessVcpuID over smac; 1 with
+ *    *pullVcpu 0 for a NULL key.
+ *  - GetAAAPortVcpuID: for UDP (ucUDPFlag 1) the Portal port gives its
+ *    process, a CoA port the first NAC ids (at most 8, possibly none), both
+ *    with 0; a destination socket port with a non-zero process gives that
+ *    process with 1. Then, for UDP and TCP alike, a source port without a
+ *    source entry gives vCPU 0 with 0, and the destination-port range its
+ *    vCPU with 0; outside the range UDP answers 1 and TCP 0, both with
+ *    pucVcpuIds[0] unwritten. *pulVcpuNum is 1, or the count of NAC ids
+ *    written when a CoA port matched. */
 u32 WLAN_LB_GetVCPUIDByCAPWAPKey(const WLAN_LB_FIVE_TUPLE_S* pstKey, u64* pullVcpu);
 u32 WLAN_LB_GetVCPUIDByCAPWAPSessionidKey(const WLAN_LB_SESSION_KEY_S* pstKey, u64* pullVcpu);
 u32 WLAN_LB_GetAAAAccessVcpuID(const WLAN_LB_ACCESS_INFO_S* pstKey, u64* pullVcpu);

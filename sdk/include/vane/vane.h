@@ -91,6 +91,9 @@ typedef void (*vane_packet_fn)(void* arg, const vane_packet* pkt);
 typedef void (*vane_loss_fn)(void* arg, int channel, uint64_t lost);
 
 #define VANE_WORKER_MAX_VCPUS 64
+/* The highest vCPU slot: workers serve vCPUs 1..63, slot 0 is the default
+ * receiver. */
+#define VANE_VCPU_MAX 63u
 
 typedef struct vane_worker_opts {
   vane_endpoint ep;
@@ -217,8 +220,12 @@ typedef struct vane_steering_table {
 /* -EINVAL for NULL, table_type > 1, cause_id_count > 20 or vcpu > 63. */
 int vane_ctl_set_steering(vane_ctl* c, const vane_steering_table* t);
 
+/* The highest cause ID: a packet carries it in 13 bits. */
+#define VANE_CAUSE_ID_VALUE_MAX 8191u
+
 /* Messages 14 and 15: TIMNG. -EINVAL for a cause ID above 8191 (13 bits)
- * or a node above 63. */
+ * or a node above 63. The dispatcher holds VANE_TIMNG_ENTRIES cause IDs. */
+#define VANE_TIMNG_ENTRIES 2u
 int vane_ctl_timng_set(vane_ctl* c, uint32_t cause_id, uint32_t node_id, uint32_t is_master,
                        uint32_t is_frag_scan);
 int vane_ctl_timng_master(vane_ctl* c, uint32_t is_master);
@@ -248,16 +255,26 @@ typedef struct vane_socket_port {
   uint16_t port;
   uint8_t tcp;      /* 0: UDP list, 1: TCP list */
   uint8_t src_port; /* 1: match the source port, 0: the destination port */
-  uint32_t process;
-  uint32_t ipv6; /* as the entry message carries it */
+  uint32_t process; /* a vCPU, or VANE_PROCESS_NAC */
+  uint32_t ipv6;    /* as the entry message carries it */
 } vane_socket_port;
+/* The socket-port process that spreads the port over the NAC list. */
+#define VANE_PROCESS_NAC 0xFFFFFFFFu
 int vane_ctl_lb_socket_port(vane_ctl* c, const vane_socket_port* p, uint16_t op);
 int vane_ctl_lb_board_type(vane_ctl* c, uint32_t board_type);
 typedef struct vane_cause_id_entry {
   uint32_t cause_id;
-  uint32_t pkt_type;
-  uint32_t lb_type; /* 1 CAPWAP, 2 CAPWAP keep-alive, 3 AAA by MAC, 4 AAA by port */
+  uint32_t pkt_type; /* VANE_PKT_TYPE_MIN..VANE_PKT_TYPE_MAX */
+  uint32_t lb_type;  /* VANE_LB_CAPWAP..VANE_LB_AAA_PORT */
 } vane_cause_id_entry;
+#define VANE_LB_CAPWAP 1u    /* by the tunnel's addresses and ports */
+#define VANE_LB_CAPWAP_KA 2u /* by the keep-alive's session */
+#define VANE_LB_AAA_MAC 3u   /* by the client's MAC over the NAC list */
+#define VANE_LB_AAA_PORT 4u  /* by the AAA ports */
+#define VANE_PKT_TYPE_MIN 1u /* the packet types the per-vCPU counters keep */
+#define VANE_PKT_TYPE_MAX 11u
+/* Entries of the cause-ID table (not the highest cause ID, which is
+ * VANE_CAUSE_ID_VALUE_MAX). */
 #define VANE_CAUSEID_MAX 100
 int vane_ctl_lb_cause_ids(vane_ctl* c, const vane_cause_id_entry* entries, uint32_t count);
 

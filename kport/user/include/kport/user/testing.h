@@ -1,6 +1,7 @@
-// Controls of the user-space kport backend for tests, tools and the host:
-// in-memory netlink user sockets, the proc/sysfs registry, the clock, fault
-// injection, the captured kernel log and allocation accounting.
+// Controls of the user-space kport backend for tests and benchmarks:
+// in-memory netlink user sockets, the rest of the proc/sysfs registry, the
+// clock, fault injection and the captured kernel log, on top of what a host
+// process uses (host.h).
 //
 // Everything here is thread-safe unless stated otherwise.
 #ifndef KPORT_USER_TESTING_H
@@ -13,6 +14,8 @@
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "kport/user/host.h"
 
 namespace kport::user {
 
@@ -76,11 +79,9 @@ struct Ack {
 std::optional<Ack> DecodeAck(const std::vector<uint8_t>& msg);
 
 // ---------------------------------------------------------------------------
-// procfs and sysfs registry. Paths are absolute: "/proc/bypassDebug/counts",
-// "/sys/class/wlan_lb/wlan_lb/wlan_lb".
+// The rest of the procfs and sysfs registry (host.h has the file accesses).
 namespace vfs {
 
-bool Exists(std::string_view path);
 // Mode bits of a file (0 if absent).
 uint16_t Mode(std::string_view path);
 // All registered paths, directories included, sorted.
@@ -90,25 +91,11 @@ std::vector<std::string> List();
 // cannot tell them from directories.
 std::vector<std::string> Files();
 
-// One read(2)/write(2) on a proc file at *pos (advanced by the handler):
-// the handler sees `count` and a user buffer of exactly `count` bytes, so a
-// handler that reads or writes beyond it is caught by AddressSanitizer.
-// *pos is handed to the handler as its position and the handler's update
-// is stored back (pos may be null: position 0, update dropped).
-// Returns the handler's result, or -ENOENT (-2) for an unknown path, -EIO
-// (-5) when the file has no such handler, -EISDIR (-21) for a directory.
-long ProcRead(std::string_view path, void* buf, size_t count, int64_t* pos);
-long ProcWrite(std::string_view path, const void* buf, size_t count, int64_t* pos);
 // Opens, reads in `chunk`-byte reads from position 0 until a read returns 0
 // or an error, and returns all bytes read.
 std::vector<uint8_t> ProcReadAll(std::string_view path, size_t chunk = 4096);
 // Writes all bytes with one write at position 0; returns the result.
 long ProcWriteAll(std::string_view path, const std::vector<uint8_t>& bytes);
-
-// sysfs attribute: show into a page and return the text (nullopt when the
-// attribute does not exist or show fails); store returns the handler result.
-std::optional<std::string> SysfsShow(std::string_view path);
-long SysfsStore(std::string_view path, std::string_view text);
 
 }  // namespace vfs
 
@@ -144,7 +131,10 @@ void UseRealWallClock();
 }  // namespace clock
 
 // ---------------------------------------------------------------------------
-// Fault injection, like the kernel's fault-injection framework.
+// Fault injection, like the kernel's fault-injection framework. Only the test
+// build of the backend (kport_user_testing) has fault sites and defines these
+// controls; the product backend's allocations and copies never fail on
+// demand.
 namespace fault {
 
 enum class Site {
@@ -188,12 +178,6 @@ bool Contains(int level, std::string_view text);
 bool ContainsFragment(std::string_view fragment);
 
 }  // namespace klog
-
-// ---------------------------------------------------------------------------
-// Allocation accounting: live allocations made through kport (memory, socket
-// buffers, sockets, entries). A module that unloads cleanly leaves the count
-// where it was before it loaded.
-size_t LiveAllocations();
 
 }  // namespace kport::user
 
