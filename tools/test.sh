@@ -55,6 +55,7 @@ step "build and test: asan" run_suite asan
 step "build and test: tsan" run_suite tsan
 step "formatting" bash tools/check-format.sh
 step "clang-tidy" bash tools/lint.sh
+step "mutation tool self-test" bash tools/mutate/selftest.sh
 step "sparse" bash -c 'bash tools/sparse.sh 2>&1' | tally
 step "libFuzzer" bash -c 'bash tools/fuzz.sh 2>&1' | tally
 
