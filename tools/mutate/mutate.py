@@ -227,14 +227,12 @@ class Tree:
                 return False
         return run(["cmake", "--build", "--preset", "default"], self.path, self.log, self.stop) == 0
 
-    def tests(self):
+    def test_folders(self):
+        """Each test's folder of tests/ (from its program, tests_FOLDER), by number - 1."""
         out = subprocess.run(["ctest", "--preset", "default", "--show-only=json-v1"],
                              cwd=self.path, check=True, capture_output=True, text=True).stdout
-        names = []
-        for t in json.loads(out)["tests"]:
-            exe = Path(t.get("command", ["?"])[0]).name
-            names.append((t["name"], exe[6:] if exe.startswith("tests_") else None))
-        return names
+        exes = [Path(t.get("command", ["?"])[0]).name for t in json.loads(out)["tests"]]
+        return [e[6:] if e.startswith("tests_") else None for e in exes]
 
     def ctest(self, numbers):
         """The first failing test's name (None: all passed)."""
@@ -251,7 +249,7 @@ class Tree:
             lines.put(None)
 
         threading.Thread(target=pump, daemon=True).start()
-        running, failed = {}, None
+        names, running, failed = {}, {}, None
         with open(self.log, "a") as log:
             while True:
                 try:
@@ -261,13 +259,14 @@ class Tree:
                 if line is None:
                     break
                 log.write(line)
-                if g := re.match(r"\s*Start\s+\d+: (\S+)", line):
-                    running[g[1]] = time.monotonic()
-                elif g := re.match(r"\s*\d+/\d+ Test\s+#\d+: (\S+) \.*\s*(.*)", line):
+                # Names may hold blanks: tests are known by number.
+                if g := re.match(r"\s*Start\s+(\d+): (.*)", line):
+                    names[g[1]], running[g[1]] = g[2].strip(), time.monotonic()
+                elif g := re.match(r"\s*\d+/\d+ Test\s+#(\d+): ", line):
                     running.pop(g[1], None)
-                    if failed is None and not re.match(r"(Passed|\**Skipped)", g[2]):
-                        failed = g[1]
-                late = [n for n, t in running.items() if time.monotonic() - t > self.timeout]
+                    ok = re.search(r"(Passed|\*Skipped)\s+[\d.]+ sec", line)
+                    failed = failed or (None if ok else names.get(g[1], "#" + g[1]))
+                late = [names[n] for n, t in running.items() if time.monotonic() - t > self.timeout]
                 if late or self.stop.is_set():
                     os.killpg(proc.pid, signal.SIGKILL)
                     failed = failed or (f"{late[0]} (timed out)" if late else "interrupted")
@@ -276,9 +275,9 @@ class Tree:
         return failed if failed or proc.returncode == 0 else "ctest failed"
 
     def check(self, folder):
-        tests = self.tests()
-        mine = [i for i, (_, f) in enumerate(tests, 1) if folder and f == folder]
-        rest = [i for i in range(1, len(tests) + 1) if i not in mine]
+        folders = self.test_folders()
+        mine = [i for i, f in enumerate(folders, 1) if folder and f == folder]
+        rest = [i for i in range(1, len(folders) + 1) if i not in mine]
         for part in (mine, rest):
             if part and (failed := self.ctest(part)):
                 return failed

@@ -23,7 +23,7 @@ enable_testing()
 add_library(cap module/cap/cap.cc)
 add_executable(tests_cap tests/cap/cap_test.cc)
 target_link_libraries(tests_cap cap)
-add_test(NAME cap COMMAND tests_cap)
+add_test(NAME "cap len" COMMAND tests_cap)
 EOF
 cat >"$fx/module/cap/cap.cc" <<'EOF'
 #include <unistd.h>
@@ -94,8 +94,8 @@ EOF
 before=$(md5sum <"$fx/module/cap/cap.cc")
 run() { python3 "$tool" run --root "$fx" --list "$fx/mutants.txt" --test-timeout 3 2>&1; }
 out=$(run) || fail "run failed:"$'\n'"$out"
-for line in "#1 module/cap/cap.cc:8 '0' -> '1': killed by cap" \
-  "#3 module/cap/cap.cc:16 '++' -> '--': killed by cap (timed out)" \
+for line in "#1 module/cap/cap.cc:8 '0' -> '1': killed by cap len" \
+  "#3 module/cap/cap.cc:16 '++' -> '--': killed by cap len (timed out)" \
   "#4 module/cap/cap.cc:20 '<' -> '<=': did not compile" \
   "killed 2 of 3 (66.7%); 1 did not compile, 1 stale, 0 not run" \
   "survived: module/cap/cap.cc:9: '>' -> '>='  | if (n > 10) return 10;" \
