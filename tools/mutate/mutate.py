@@ -227,6 +227,10 @@ class Tree:
                 return False
         return run(["cmake", "--build", "--preset", "default"], self.path, self.log, self.stop) == 0
 
+    def first_error(self):
+        errors = [l.strip() for l in self.log.read_text().splitlines() if "error:" in l]
+        return errors[0] if errors else None
+
     def test_folders(self):
         """Each test's folder of tests/ (from its program, tests_FOLDER), by number - 1."""
         out = subprocess.run(["ctest", "--preset", "default", "--show-only=json-v1"],
@@ -327,7 +331,7 @@ def mutate(args):
                     folder = next((p for p in Path(m["file"]).with_suffix("").parts
                                    if p in folders), None)
                     if not tree.build():
-                        status, by = "did not compile", None
+                        status, by = "did not compile", tree.first_error()
                     else:
                         by = tree.check(folder)
                         status = "killed" if by else "survived"
@@ -343,8 +347,9 @@ def mutate(args):
                     with open(results, "a") as f:
                         f.write(json.dumps(rec) + "\n")
                     done[m["key"]] = rec
-                    print(f"#{m['id']} {m['file']}:{line} {rec['change']}: {status}"
-                          + (f" by {by}" if by else "") + f" ({rec['seconds']} s)", flush=True)
+                    how = f" by {by}" if status == "killed" else f": {by}" if by else ""
+                    print(f"#{m['id']} {m['file']}:{line} {rec['change']}: {status}{how} "
+                          f"({rec['seconds']} s)", flush=True)
         except Exception as e:  # noqa: BLE001 - reported once, the other workers stop too
             if not stop.is_set():
                 errors.append(e)

@@ -96,7 +96,7 @@ run() { python3 "$tool" run --root "$fx" --list "$fx/mutants.txt" --test-timeout
 out=$(run) || fail "run failed:"$'\n'"$out"
 for line in "#1 module/cap/cap.cc:8 '0' -> '1': killed by cap len" \
   "#3 module/cap/cap.cc:16 '++' -> '--': killed by cap len (timed out)" \
-  "#4 module/cap/cap.cc:20 '<' -> '<=': did not compile" \
+  "#4 module/cap/cap.cc:20 '<' -> '<=': did not compile: " \
   "killed 2 of 3 (66.7%); 1 did not compile, 1 stale, 0 not run" \
   "survived: module/cap/cap.cc:9: '>' -> '>='  | if (n > 10) return 10;" \
   "stale: #5 module/cap/cap.cc@1:7  | if (n < 0) return n;"; do
