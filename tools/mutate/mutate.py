@@ -362,9 +362,10 @@ def mutate(args):
     for t in threads:
         t.start()
     try:
-        for t in threads:
-            while t.is_alive():
-                t.join(1)
+        # Sleep, not join: an interrupted join can leave its thread looking
+        # finished, and the exit would then kill a worker before it restores.
+        while any(t.is_alive() for t in threads):
+            time.sleep(0.5)
     except KeyboardInterrupt:
         stop.set()
         for t in threads:

@@ -106,4 +106,14 @@ done
 out=$(run) || fail "resumed run failed:"$'\n'"$out"
 grep -qF "5 mutants, 1 stale, 4 already in" <<<"$out" || fail "resume ran again:"$'\n'"$out"
 grep -qF "killed 2 of 3 (66.7%)" <<<"$out" || fail "resumed report differs:"$'\n'"$out"
+
+# Stopped mid-mutant, a run puts the file back and records nothing.
+rm "$fx/build/mutate/results.jsonl"
+scratch=$fx/build/mutate/tree1/module/cap/cap.cc
+python3 "$tool" run --root "$fx" --list "$fx/mutants.txt" --only 3 --test-timeout 60 >/dev/null &
+for _ in $(seq 600); do grep -q -- "--k;" "$scratch" && break; sleep 0.1; done
+kill -TERM $!
+wait $! && fail "an interrupted run exits 0"
+grep -q -- "++k;" "$scratch" || fail "an interrupted run left its mutant in place"
+[ ! -s "$fx/build/mutate/results.jsonl" ] || fail "an interrupted run recorded a result"
 echo "mutate selftest: passed"
