@@ -218,7 +218,7 @@ class Tree:
             src, dst = self.root / rel, self.path / rel
             if not dst.exists() or dst.read_bytes() != src.read_bytes():
                 dst.parent.mkdir(parents=True, exist_ok=True)
-                shutil.copy2(src, dst)
+                shutil.copy(src, dst)  # a new mtime: the build must see the change
 
     def build(self):
         self.log.write_text("")

@@ -92,7 +92,7 @@ cat >"$fx/mutants.txt" <<'EOF'
    5  module/cap/cap.cc@1:7  '<' -> '<='  | if (n < 0) return n;
 EOF
 before=$(md5sum <"$fx/module/cap/cap.cc")
-run() { python3 "$tool" run --root "$fx" --list "$fx/mutants.txt" --test-timeout 3 2>&1; }
+run() { python3 "$tool" run --root "$fx" --list "$fx/mutants.txt" --test-timeout 3 "$@" 2>&1; }
 out=$(run) || fail "run failed:"$'\n'"$out"
 for line in "#1 module/cap/cap.cc:8 '0' -> '1': killed by cap len" \
   "#3 module/cap/cap.cc:16 '++' -> '--': killed by cap len (timed out)" \
@@ -116,4 +116,8 @@ kill -TERM $!
 wait $! && fail "an interrupted run exits 0"
 grep -q -- "++k;" "$scratch" || fail "an interrupted run left its mutant in place"
 [ ! -s "$fx/build/mutate/results.jsonl" ] || fail "an interrupted run recorded a result"
+
+# A run killed outright leaves its mutant built; the next one builds the tree.
+sed -i "s/++k;/--k;/" "$scratch" && cmake --build "$fx/build/mutate/tree1/build/default" >/dev/null
+out=$(run --only 1) || fail "the run after a killed one failed:"$'\n'"$out"
 echo "mutate selftest: passed"
