@@ -191,7 +191,12 @@ def run(cmd, cwd, log, stop):
                                 start_new_session=True)
         while proc.poll() is None:
             if stop.wait(0.5):
-                os.killpg(proc.pid, signal.SIGKILL)
+                # TERM first: ninja then removes the outputs it had half written.
+                os.killpg(proc.pid, signal.SIGTERM)
+                try:
+                    proc.wait(20)
+                except subprocess.TimeoutExpired:
+                    os.killpg(proc.pid, signal.SIGKILL)
         return proc.wait()
 
 
@@ -227,9 +232,14 @@ class Tree:
                 return False
         return run(["cmake", "--build", "--preset", "default"], self.path, self.log, self.stop) == 0
 
-    def first_error(self):
-        errors = [l.strip() for l in self.log.read_text().splitlines() if "error:" in l]
-        return errors[0] if errors else None
+    def build_failure(self):
+        """(status, detail) of a failed build. A test program that fails while
+        listing its tests (at build time) was built, and the mutant killed it."""
+        text = self.log.read_text()
+        if "Error running test executable" in text:
+            return "killed", "a test program listing its tests"
+        errors = [l.strip() for l in text.splitlines() if "error:" in l]
+        return "did not compile", errors[0] if errors else None
 
     def test_folders(self):
         """Each test's folder of tests/ (from its program, tests_FOLDER), by number - 1."""
@@ -331,7 +341,7 @@ def mutate(args):
                     folder = next((p for p in Path(m["file"]).with_suffix("").parts
                                    if p in folders), None)
                     if not tree.build():
-                        status, by = "did not compile", tree.first_error()
+                        status, by = tree.build_failure()
                     else:
                         by = tree.check(folder)
                         status = "killed" if by else "survived"
