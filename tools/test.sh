@@ -71,6 +71,7 @@ step "build and test: asan" run_suite asan
 step "build and test: tsan" run_suite tsan
 step "formatting" bash tools/check-format.sh
 step "clang-tidy" bash tools/lint.sh
+step "mutation tool self-test" bash tools/mutate/selftest.sh
 runner "sparse" bash tools/sparse.sh
 runner "libFuzzer" bash tools/fuzz.sh
 
