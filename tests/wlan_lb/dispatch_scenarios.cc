@@ -1,0 +1,305 @@
+// The WLAN tables as the people around the module use them: configured by
+// LB messages from a worker, decided on packets the switch driver hands in,
+// seen in what each worker receives, in the packet-type stamp and in the
+// per-type counters; and all of it at once while the tables change.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/env.h"
+#include "support/frames.h"
+#include "support/module_env.h"
+#include "support/packet_builder.h"
+#include "support/wlan_msgs.h"
+#include "wlan_lb/lb_env.h"
+
+namespace vane::test {
+namespace {
+
+// The byte before the Ethernet header of what a worker receives.
+constexpr size_t kStamp = 12 + 24 - 1;
+// The WLAN counter of vCPU v and packet type t.
+constexpr uint32_t Wlan(uint32_t v, uint32_t t) { return 192 + 12 * v + t; }
+
+enum Cause : uint16_t { kCapwap = 300, kKeepAlive = 301, kMac = 302, kPort = 303 };
+enum PktType : uint32_t { kCapwapType = 4, kKaType = 5, kMacType = 6, kPortType = 7 };
+const uint32_t kSession[4] = {0x01020304, 0x05060708, 0x090A0B0C, 0x0D0E0F10};
+
+PacketBuilder Head(uint16_t cause) {
+  PacketBuilder b;
+  b.prefix(1, 0, 21)
+      .bytes(CauseHead(cause))
+      .ethernet(Mac("00:11:22:33:44:55"), Mac("00:00:5e:00:01:02"));
+  return b;
+}
+
+Bytes Udp(uint16_t cause, uint16_t sport, uint16_t dport, const Bytes& payload = Bytes(20, 0),
+          uint32_t src = Ipv4Addr("10.1.1.1")) {
+  return Head(cause)
+      .ipv4({.src = src, .dst = Ipv4Addr("10.1.1.2")})
+      .udp(sport, dport)
+      .payload(payload)
+      .build();
+}
+
+Bytes Fragment(uint16_t id, bool mf, uint16_t off) {
+  PacketBuilder b = Head(kCapwap);
+  b.ipv4({.src = Ipv4Addr("10.1.1.1"),
+          .dst = Ipv4Addr("10.1.1.2"),
+          .protocol = off != 0 ? std::optional<uint8_t>(17) : std::nullopt,
+          .id = id,
+          .mf = mf,
+          .frag_offset = off});
+  if (off == 0) b.udp(5246, 5247);
+  return b.payload(24).build();
+}
+
+CapwapEntry Flow(uint32_t process) {
+  return {Ipv4Addr("10.1.1.1"), Ipv4Addr("10.1.1.2"), 5246, 5247, 0, process};
+}
+
+class WlanDispatchTest : public LbTest {
+ protected:
+  void SetUp() override {
+    LbTest::SetUp();
+    for (uint32_t v : {2u, 3u, 7u, 8u, 9u, 10u, 11u, 12u, 13u, 20u, 21u, 22u, 23u, 24u, 25u, 26u,
+                       27u, 28u, 29u}) {
+      workers_[v] = std::make_unique<Worker>();
+      ASSERT_EQ(workers_[v]->Register(kNormal, v), 0);
+    }
+    ASSERT_EQ(ctl_->Configure(CascadeConfig()), 0);
+  }
+  void TearDown() override {
+    workers_.clear();
+    LbTest::TearDown();
+  }
+
+  // The four cause IDs, one per LB type, on a board that load-balances.
+  void CauseIds() {
+    ASSERT_EQ(Lb(CauseIdMsg({{kCapwap, kCapwapType, 1},
+                             {kKeepAlive, kKaType, 2},
+                             {kMac, kMacType, 3},
+                             {kPort, kPortType, 4}})),
+              0);
+    ASSERT_EQ(Lb(BoardTypeMsg(3)), 0);
+  }
+
+  // Sends the packet; returns the vCPUs whose workers got it (0: the
+  // default receiver), in vCPU order, and checks that each copy carries
+  // the same stamp, which it returns in *stamp.
+  std::vector<uint32_t> Send(const Bytes& buf, uint8_t* stamp = nullptr) {
+    EXPECT_GT(env().Deliver(1, buf), 0);
+    std::vector<uint32_t> got;
+    std::vector<uint8_t> stamps;
+    auto take = [&](Worker& w, uint32_t v) {
+      while (auto d = w.Next()) {
+        got.push_back(v);
+        stamps.push_back(d->data.at(kStamp));
+      }
+    };
+    take(*ctl_, 0);
+    for (auto& [v, w] : workers_) take(*w, v);
+    for (uint8_t s : stamps) EXPECT_EQ(s, stamps.front());
+    if (stamp != nullptr) *stamp = stamps.empty() ? 0xFF : stamps.front();
+    return got;
+  }
+  using V = std::vector<uint32_t>;
+
+  std::map<uint32_t, std::unique_ptr<Worker>> workers_;
+};
+
+TEST_F(WlanDispatchTest, NothingIsLoadBalancedUntilTheBoardTypeSaysSo) {
+  ASSERT_EQ(Lb(CapwapMsg(Flow(12))), 0);
+  ASSERT_EQ(Lb(CauseIdMsg({{kCapwap, kCapwapType, 1}})), 0);
+  uint8_t stamp = 0;
+  EXPECT_EQ(Send(Udp(kCapwap, 5246, 5247), &stamp), V{0});
+  EXPECT_EQ(stamp, 0);
+  ASSERT_EQ(Lb(BoardTypeMsg(3)), 0);
+  EXPECT_EQ(Send(Udp(kCapwap, 5246, 5247), &stamp), V{12});
+  EXPECT_EQ(stamp, kCapwapType);
+  // Any other board type switches it off again.
+  ASSERT_EQ(Lb(BoardTypeMsg(2)), 0);
+  EXPECT_EQ(Send(Udp(kCapwap, 5246, 5247)), V{0});
+}
+
+TEST_F(WlanDispatchTest, EachLbTypeReachesItsVcpusStampedAndCounted) {
+  CauseIds();
+  uint8_t stamp = 0;
+  // CAPWAP: the flow's entry.
+  ASSERT_EQ(Lb(CapwapMsg(Flow(12))), 0);
+  EXPECT_EQ(Send(Udp(kCapwap, 5246, 5247), &stamp), V{12});
+  EXPECT_EQ(stamp, kCapwapType);
+  // Keep-alive: the session words of the packet.
+  ASSERT_EQ(Lb(CapwapKaMsg(kSession, 7)), 0);
+  EXPECT_EQ(Send(Udp(kKeepAlive, 5247, 5247, KeepAlivePayload()), &stamp), V{7});
+  EXPECT_EQ(stamp, kKaType);
+  // AAA by MAC: the source MAC 00:00:5e:00:01:02 hashes to slot 4 of five
+  // NAC vCPUs.
+  ASSERT_EQ(Lb(NacMsg(3, {20, 21, 22, 23, 9})), 0);
+  EXPECT_EQ(Send(Udp(kMac, 68, 67), &stamp), V{9});
+  EXPECT_EQ(stamp, kMacType);
+  // AAA by port: the Portal entry, then a source-port entry spreading by
+  // destination port (55692 is the second range vCPU).
+  ASSERT_EQ(Lb(PortalMsg(8080, 3)), 0);
+  EXPECT_EQ(Send(Udp(kPort, 40000, 8080), &stamp), V{3});
+  EXPECT_EQ(stamp, kPortType);
+  ASSERT_EQ(Lb(SocketPortMsg(1812, false, 1, 0)), 0);
+  EXPECT_EQ(Send(Udp(kPort, 1812, 55692)), V{2});
+  EXPECT_EQ(NonZeroCounters(), (std::map<uint32_t, uint32_t>{{2, 1},
+                                                             {3, 1},
+                                                             {7, 1},
+                                                             {9, 1},
+                                                             {12, 1},
+                                                             {Wlan(2, kPortType), 1},
+                                                             {Wlan(3, kPortType), 1},
+                                                             {Wlan(7, kKaType), 1},
+                                                             {Wlan(9, kMacType), 1},
+                                                             {Wlan(12, kCapwapType), 1}}));
+
+  // RADIUS CoA: a copy to each NAC vCPU, each counted for its vCPU and type.
+  ASSERT_EQ(Lb(NacMsg(3, {20, 21, 22})), 0);
+  EXPECT_EQ(Send(Udp(kPort, 40000, 3799), &stamp), (V{20, 21, 22}));
+  EXPECT_EQ(stamp, kPortType);
+  for (uint32_t v : {20u, 21u, 22u}) {
+    EXPECT_EQ(Counters()[v], 1u) << v;
+    EXPECT_EQ(Counters()[Wlan(v, kPortType)], 1u) << v;
+  }
+  // Ten: the first eight get a copy; a decision of eight counts under 0.
+  ASSERT_EQ(Lb(NacMsg(3, {20, 21, 22, 23, 24, 25, 26, 27, 28, 29})), 0);
+  EXPECT_EQ(Send(Udp(kPort, 40000, 3799), &stamp), (V{20, 21, 22, 23, 24, 25, 26, 27}));
+  EXPECT_EQ(stamp, kPortType);
+  EXPECT_EQ(Counters()[0], 1u);
+  EXPECT_EQ(Counters()[Wlan(23, kPortType)], 0u);
+  // No NAC vCPU at all: nothing decided, the default receiver.
+  ASSERT_EQ(Lb(NacMsg(3, {})), 0);
+  EXPECT_EQ(Send(Udp(kPort, 40000, 3799)), V{0});
+}
+
+TEST_F(WlanDispatchTest, CapwapTriesTheExactEntryThenDestinationPortThenBothPorts) {
+  CauseIds();
+  const CapwapEntry both_ports{0xFFFFFFFF, 0xFFFFFFFF, 40000, 5247, 0xFF, 3};
+  const CapwapEntry dport_only{0xFFFFFFFF, 0xFFFFFFFF, 0xFFFF, 5247, 0xFF, 9};
+  // A process is taken by its low byte.
+  const CapwapEntry exact{Ipv4Addr("10.1.1.1"), Ipv4Addr("10.1.1.2"), 40000, 5247, 0, 0x10C};
+  const Bytes flow = Udp(kCapwap, 40000, 5247);
+  const Bytes other_sport = Udp(kCapwap, 1234, 5247, Bytes(20, 0), Ipv4Addr("10.9.9.9"));
+
+  ASSERT_EQ(Lb(CapwapMsg(both_ports)), 0);
+  EXPECT_EQ(Send(flow), V{3});
+  EXPECT_EQ(Send(other_sport), V{0});
+  ASSERT_EQ(Lb(CapwapMsg(dport_only)), 0);
+  EXPECT_EQ(Send(flow), V{9});
+  EXPECT_EQ(Send(other_sport), V{9});
+  ASSERT_EQ(Lb(CapwapMsg(exact)), 0);
+  EXPECT_EQ(Send(flow), V{12});
+  ASSERT_EQ(Lb(CapwapMsg(exact, 2)), 0);
+  ASSERT_EQ(Lb(CapwapMsg(dport_only, 2)), 0);
+  EXPECT_EQ(Send(flow), V{3});
+}
+
+TEST_F(WlanDispatchTest, CapwapFragmentsFollowTheirFirstFragment) {
+  CauseIds();
+  ASSERT_EQ(Lb(CapwapMsg(Flow(12))), 0);
+  EXPECT_EQ(Send(Fragment(0x77, true, 0)), V{12});
+  // The entry changes its vCPU: the datagram under way keeps the old one.
+  ASSERT_EQ(Lb(CapwapMsg(Flow(9))), 0);
+  EXPECT_EQ(Send(Fragment(0x77, true, 3)), V{12});
+  EXPECT_EQ(Send(Fragment(0x77, false, 6)), V{12});
+  // Finished: a repeated last fragment has nowhere to go.
+  EXPECT_EQ(Send(Fragment(0x77, false, 6)), V{0});
+  // A new datagram follows the new vCPU; once the entry is deleted, the next
+  // one has no vCPU and nothing is entered for its later fragments.
+  EXPECT_EQ(Send(Fragment(0x78, true, 0)), V{9});
+  EXPECT_EQ(Send(Fragment(0x78, false, 3)), V{9});
+  ASSERT_EQ(Lb(CapwapMsg(Flow(9), 2)), 0);
+  EXPECT_EQ(Send(Fragment(0x79, true, 0)), V{0});
+  EXPECT_EQ(Send(Fragment(0x79, false, 3)), V{0});
+}
+
+// One worker changes every WLAN table without pause while packets are
+// handed in on several threads and another thread reads every view. The
+// stable entries are only ever moved between two vCPUs of their own, never
+// removed: every decision on them lands on one of the two and is counted
+// exactly once. The packets also look up entries that come and go (to
+// vCPUs without workers), walking what the writer unlinks and frees.
+TEST_F(WlanDispatchTest, DecisionsCountExactlyWhileEveryTableChanges) {
+  constexpr uint32_t kRounds = 1500;
+  CauseIds();
+  for (uint32_t t = 0; t < 2; ++t) {
+    ASSERT_EQ(
+        Lb(CapwapMsg({Ipv4Addr("10.1.1.1") + t, Ipv4Addr("10.1.1.2"), 5246, 5247, 0, 10 + 2 * t})),
+        0);
+  }
+  ASSERT_EQ(Lb(CapwapKaMsg(kSession, 7)), 0);
+  ASSERT_EQ(Lb(NacMsg(3, {20, 21, 22, 23, 9})), 0);
+  ASSERT_EQ(Lb(PortalMsg(8080, 3)), 0);
+
+  std::atomic<bool> stop{false};
+  std::thread writer([&] {
+    Worker w;
+    auto lb = [&w](const Bytes& m) { EXPECT_EQ(w.Control(10, m), 0); };
+    for (uint32_t i = 0; !stop.load(std::memory_order_relaxed); ++i) {
+      const uint32_t sip = Ipv4Addr("10.2.0.0") + i % 64;
+      const uint32_t other[4] = {i % 16, 1, 2, 3};
+      const auto port = static_cast<uint16_t>(30000 + i % 16);
+      // The packets' entries, moved between their two vCPUs in place.
+      lb(CapwapMsg({Ipv4Addr("10.1.1.1") + i % 2, Ipv4Addr("10.1.1.2"), 5246, 5247, 0,
+                    10 + 2 * (i % 2) + (i / 2) % 2}));
+      lb(CapwapKaMsg(kSession, 7 + i % 2));
+      // Everything else comes and goes.
+      lb(CapwapMsg({sip, Ipv4Addr("10.1.1.2"), 5246, 5247, 0, 30 + i % 30}));
+      lb(CapwapMsg({sip ^ 32, Ipv4Addr("10.1.1.2"), 5246, 5247, 0, 0}, 2));
+      lb(CapwapKaMsg(other, 30 + i % 30, i % 3 == 2 ? 2 : 1));
+      lb(NacMsg(3, {20 + i % 3, 21, 22, 23 + i % 5, 9}));
+      lb(PortalMsg(8080, 3));
+      lb(SocketPortMsg(port, i & 1, i & 2, i % 60));
+      lb(SocketPortMsg(static_cast<uint16_t>(port ^ 8), i & 1, i & 2, 0, 0, 2));
+      lb(CauseIdMsg({{kCapwap, 11, 3}}));  // the first setting stands
+    }
+  });
+  std::thread views([&] {
+    while (!stop.load(std::memory_order_relaxed)) {
+      EXPECT_EQ(CapwapRecords(Ipv4Addr("10.1.1.1")).size(), 200u);
+      EXPECT_EQ(KaRecord(kSession).size(), 20u);
+      for (const char* sel : {"1", "2", "3", "4"}) View(sel);
+    }
+  });
+  std::vector<std::thread> packets;
+  for (uint32_t t = 0; t < 2; ++t) {
+    packets.emplace_back([t] {
+      const Bytes frames[4] = {Udp(kCapwap, 5246, 5247, Bytes(20, 0), Ipv4Addr("10.1.1.1") + t),
+                               Udp(kKeepAlive, 5247, 5247, KeepAlivePayload()), Udp(kMac, 68, 67),
+                               Udp(kPort, 40000, 8080)};
+      // A full receive queue fails the delivery, not the decision.
+      for (uint32_t i = 0; i < kRounds; ++i) {
+        for (const Bytes& f : frames) env().Deliver(1, f);
+        env().Deliver(1, Udp(kCapwap, 5246, 5247, Bytes(20, 0), Ipv4Addr("10.2.0.0") + i % 64));
+      }
+    });
+  }
+  for (auto& th : packets) th.join();
+  stop = true;
+  writer.join();
+  views.join();
+
+  const std::vector<uint32_t> c = Counters();
+  const uint32_t all = 2 * kRounds;
+  for (uint32_t t = 0; t < 2; ++t) {
+    EXPECT_EQ(c[10 + 2 * t] + c[11 + 2 * t], kRounds) << t;
+    EXPECT_EQ(c[Wlan(10 + 2 * t, kCapwapType)] + c[Wlan(11 + 2 * t, kCapwapType)], kRounds) << t;
+  }
+  EXPECT_EQ(c[7] + c[8], all);
+  EXPECT_EQ(c[Wlan(7, kKaType)] + c[Wlan(8, kKaType)], all);
+  EXPECT_EQ(c[9], all);
+  EXPECT_EQ(c[Wlan(9, kMacType)], all);
+  EXPECT_EQ(c[3], all);
+  EXPECT_EQ(c[Wlan(3, kPortType)], all);
+}
+
+}  // namespace
+}  // namespace vane::test

@@ -1,0 +1,261 @@
+// LB messages (control message 10) as a worker sends them, judged by what
+// an operator sees: the acknowledgement, the statistics view (counters and
+// board type), the table views and the debug trace.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "support/env.h"
+#include "support/module_env.h"
+#include "support/wlan_msgs.h"
+#include "wlan_lb/lb_env.h"
+
+namespace vane::test {
+namespace {
+
+using Counts = std::vector<uint32_t>;  // seven counters, then the board type
+
+class LbMessageTest : public LbTest {
+ protected:
+  // The debug text written since the last call.
+  std::string NewTrace() {
+    const std::string all = DebugText();
+    std::string fresh = all.substr(std::min(seen_, all.size()));
+    seen_ = all.size();
+    return fresh;
+  }
+  size_t seen_ = 0;
+};
+
+// Only a message that carries fewer bytes than its set type reads is
+// refused; with the head present it is traced and counted whatever Len
+// says, and a wrong Len changes no table.
+TEST_F(LbMessageTest, LenFieldAgainstTheBytesCarried) {
+  struct Case {
+    Bytes msg;
+    uint32_t len_field;
+    int ack;
+    Counts stats;
+    const char* trace;
+  };
+  const Case cases[] = {
+      {{5, 0, 0, 0}, 4, -22, {0, 0, 0, 0, 0, 0, 0, 1}, ""},  // no head: nothing at all
+      {LbMessage(5, 3),
+       0,
+       0,
+       {0, 0, 0, 0, 0, 1, 0, 3},
+       "\r\nWLAN LB message(SetType=5 Len=0 InitFlag=0)."},
+      {LbMessage(5, 4),
+       4,
+       0,
+       {0, 0, 0, 0, 0, 2, 0, 4},
+       "\r\nWLAN LB message(SetType=5 Len=4 InitFlag=1)."},
+      {LbMessage(5, 6),
+       100,
+       0,
+       {0, 0, 0, 0, 0, 3, 0, 6},
+       "\r\nWLAN LB message(SetType=5 Len=100 InitFlag=1)."},
+      // A wrong Len: counted, no body read.
+      {LbMessage(0, 7),
+       33,
+       0,
+       {1, 0, 0, 0, 0, 3, 0, 6},
+       "\r\nWLAN LB message(SetType=0 Len=33 InitFlag=1)."},
+      // The right Len with the body missing.
+      {LbMessage(0, 7),
+       32,
+       -22,
+       {2, 0, 0, 0, 0, 3, 0, 6},
+       "\r\nWLAN LB message(SetType=0 Len=32 InitFlag=1)."},
+      {LbMessage(6, 1),
+       20,
+       -22,
+       {2, 0, 0, 0, 0, 3, 1, 6},
+       "\r\nWLAN LB message(SetType=6 Len=20 InitFlag=1)."
+       "WLAN_LB_KERNEL_LB_SET_CAUSEIID  len 20 causeidnum 1\n"},
+      {Resized(PortalMsg(80, 2), 12),
+       20,
+       -22,
+       {2, 0, 0, 1, 0, 3, 1, 6},
+       "\r\nWLAN LB message(SetType=3 Len=20 InitFlag=1)."},
+  };
+  SetDebugLevel(4);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(::testing::Message() << "set type " << int{c.msg[0]} << " carrying "
+                                      << c.msg.size() << " bytes, Len " << c.len_field);
+    EXPECT_EQ(Lb(c.msg, {.len_field = c.len_field}), c.ack);
+    EXPECT_EQ(NewTrace(), c.trace);
+    EXPECT_EQ(Stats(), c.stats);
+  }
+  EXPECT_EQ(CapwapRecords(7), Bytes(200, 0));
+  EXPECT_EQ(View("4"), "");
+  EXPECT_EQ(View("2"), "");
+}
+
+// The first LB message that carries its head starts the configured state,
+// whatever its set type or Len; the next message's trace shows it.
+using FirstLbMessageTest = ModuleTest;
+
+TEST_F(FirstLbMessageTest, StartsTheConfiguredStateWhenItCarriesItsHead) {
+  struct Case {
+    Bytes msg;
+    uint32_t len_field;
+    int ack;
+    uint32_t board_type_count;  // an unknown set type counts nothing
+    const char* trace;
+  };
+  const Case cases[] = {
+      {{5, 0, 0, 0}, 4, -22, 1, "\r\nWLAN LB message(SetType=5 Len=8 InitFlag=0)."},
+      {LbMessage(9, 0), 8, 0, 1,
+       "\r\nWLAN LB message(SetType=9 Len=8 InitFlag=0)."
+       "\r\nWLAN LB message(SetType=5 Len=8 InitFlag=1)."},
+      {LbMessage(5, 3), 0, 0, 2,
+       "\r\nWLAN LB message(SetType=5 Len=0 InitFlag=0)."
+       "\r\nWLAN LB message(SetType=5 Len=8 InitFlag=1)."},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.trace);
+    {
+      Worker w;
+      SetDebugLevel(4);
+      EXPECT_EQ(w.Control(10, c.msg, kNormal, {.len_field = c.len_field}), c.ack);
+      EXPECT_EQ(w.Control(10, LbMessage(5, 1)), 0);
+      EXPECT_EQ(DebugText(), c.trace);
+      EXPECT_EQ(Stats(), (Counts{0, 0, 0, 0, 0, c.board_type_count, 0, 1}));
+    }
+    env().Unload();  // a fresh module for the next case
+    ASSERT_EQ(env().Load(), 0);
+  }
+}
+
+TEST_F(LbMessageTest, EverySetTypeIsCountedWhateverItsLengthAndAppliedOnlyAtItsLength) {
+  const uint32_t session[4] = {1, 2, 3, 4};
+  const std::vector<Bytes> right = {CapwapMsg({1, 2, 3, 4, 5, 6}),
+                                    CapwapKaMsg(session, 6),
+                                    NacMsg(3, {1, 2}),
+                                    PortalMsg(8080, 9),
+                                    SocketPortMsg(53, false, 0, 4),
+                                    LbMessage(5, 3, {0, 0, 0, 0}),
+                                    CauseIdMsg({{100, 2, 1}})};
+  // One byte short and one too long of each: counted, nothing applied but
+  // the board type, which has no length rule.
+  for (const Bytes& m : right) {
+    for (size_t len : {m.size() - 1, m.size() + 1}) EXPECT_EQ(Lb(Resized(m, len)), 0);
+  }
+  EXPECT_EQ(Stats(), (Counts{2, 2, 2, 2, 2, 2, 2, 3}));
+  EXPECT_EQ(CapwapRecords(1), Bytes(200, 0));
+  EXPECT_EQ(KaRecord(session), Bytes(20, 0));
+  for (const char* view : {"1", "2", "4"}) EXPECT_EQ(View(view), "") << view;
+
+  for (const Bytes& m : right) EXPECT_EQ(Lb(m), 0);
+  EXPECT_EQ(Stats(), (Counts{3, 3, 3, 3, 3, 3, 3, 3}));
+  EXPECT_EQ(Resized(CapwapRecords(1), 20),
+            (Bytes{1, 0, 0, 0, 2, 0, 0, 0, 3, 0, 4, 0, 5, 0, 0, 0, 6, 0, 0, 0}));
+  EXPECT_EQ(KaRecord(session), (Bytes{1, 0, 0, 0, 2, 0, 0, 0, 3, 0, 0, 0, 4, 0, 0, 0, 6, 0, 0, 0}));
+  EXPECT_EQ(View("1"), "\r\nNAC process list :1 2 ");
+  EXPECT_EQ(View("4"), "100  1    2   ;");
+  EXPECT_EQ(View("2"),
+            "\r\n    53(D)                      UDP                                 4"
+            "\r\n  3799(D)                      UDP                                 NAC"
+            "\r\n  3799(D)                      UDP                                 NAC"
+            "\r\n  8080(D)                      UDP                                 9");
+}
+
+TEST_F(LbMessageTest, CapwapAndKeepAliveEntriesAreAddedUpdatedAndDeletedByKey) {
+  SetDebugLevel(4);
+  // A delete before any add finds nothing; the reserved bytes sent are not
+  // what the view shows.
+  EXPECT_EQ(Lb(CapwapMsg({10, 20, 30, 40, 7, 0}, 2)), 0);
+  Bytes add = CapwapMsg({10, 20, 30, 40, 7, 300});
+  add[8 + 13] = add[8 + 14] = add[8 + 15] = 0xEE;
+  EXPECT_EQ(Lb(add), 0);
+  EXPECT_EQ(Lb(CapwapMsg({10, 20, 30, 40, 7, 301})), 0);  // one record per key
+  EXPECT_EQ(CapwapRecords(10),
+            Resized({10, 0, 0, 0, 20, 0, 0, 0, 30, 0, 40, 0, 7, 0, 0, 0, 45, 1, 0, 0}, 200));
+  EXPECT_EQ(Lb(CapwapMsg({10, 20, 30, 40, 7, 99}, 2)), 0);  // whatever its process
+  EXPECT_EQ(CapwapRecords(10), Bytes(200, 0));
+
+  const uint32_t session[4] = {11, 12, 13, 14};
+  EXPECT_EQ(Lb(CapwapKaMsg(session, 15, 0)), 0);
+  EXPECT_EQ(Lb(CapwapKaMsg(session, 16)), 0);
+  EXPECT_EQ(KaRecord(session),
+            (Bytes{11, 0, 0, 0, 12, 0, 0, 0, 13, 0, 0, 0, 14, 0, 0, 0, 16, 0, 0, 0}));
+  EXPECT_EQ(Lb(CapwapKaMsg(session, 0, 2)), 0);
+  EXPECT_EQ(Lb(CapwapKaMsg(session, 0, 2)), 0);
+  EXPECT_EQ(KaRecord(session), Bytes(20, 0));
+  EXPECT_EQ(Stats(), (Counts{4, 4, 0, 0, 0, 0, 0, 1}));
+  EXPECT_EQ(DebugText(),
+            "\r\nWLAN LB message(SetType=0 Len=32 InitFlag=0)."
+            "\r\nProc capwap distribute table.(op 2 vpn 7  dip 20 sip 10 dport 40 sport 30 "
+            "process 0 Ret 1)."
+            "\r\nWLAN LB message(SetType=0 Len=32 InitFlag=1)."
+            "\r\nProc capwap distribute table.(op 1 vpn 7  dip 20 sip 10 dport 40 sport 30 "
+            "process 300 Ret 0)."
+            "\r\nWLAN LB message(SetType=0 Len=32 InitFlag=1)."
+            "\r\nProc capwap distribute table.(op 1 vpn 7  dip 20 sip 10 dport 40 sport 30 "
+            "process 301 Ret 0)."
+            "\r\nWLAN LB message(SetType=0 Len=32 InitFlag=1)."
+            "\r\nProc capwap distribute table.(op 2 vpn 7  dip 20 sip 10 dport 40 sport 30 "
+            "process 99 Ret 0)."
+            "\r\nWLAN LB message(SetType=1 Len=32 InitFlag=1)."
+            "\r\nProc capwap ka distribute table.(op 0 session0 11  session1 12 session2 13 "
+            "session3 14  process 15 Ret 0)."
+            "\r\nWLAN LB message(SetType=1 Len=32 InitFlag=1)."
+            "\r\nProc capwap ka distribute table.(op 1 session0 11  session1 12 session2 13 "
+            "session3 14  process 16 Ret 0)."
+            "\r\nWLAN LB message(SetType=1 Len=32 InitFlag=1)."
+            "\r\nProc capwap ka distribute table.(op 2 session0 11  session1 12 session2 13 "
+            "session3 14  process 0 Ret 0)."
+            "\r\nWLAN LB message(SetType=1 Len=32 InitFlag=1)."
+            "\r\nProc capwap ka distribute table.(op 2 session0 11  session1 12 session2 13 "
+            "session3 14  process 0 Ret 1).");
+}
+
+TEST_F(LbMessageTest, CauseIdCountMustMatchTheLengthIn64Bits) {
+  SetDebugLevel(4);
+  // Count 0 and no entries: counted and traced, no table.
+  EXPECT_EQ(Lb(CauseIdMsg({})), 0);
+  EXPECT_EQ(NewTrace(),
+            "\r\nWLAN LB message(SetType=6 Len=8 InitFlag=0)."
+            "WLAN_LB_KERNEL_LB_SET_CAUSEIID  len 8 causeidnum 0\n");
+  // A count whose 12-fold wraps to the body length in 32 bits.
+  EXPECT_EQ(Lb(CauseIdMsg({{5, 1, 1}}, 0x15555556u)), 0);
+  EXPECT_EQ(Lb(Resized(CauseIdMsg({}, 0x15555556u), 16)), 0);
+  // More than 100: nothing is added.
+  std::vector<WLAN_LB_CAUSEID_NODE_S> many(101);
+  for (uint32_t i = 0; i < many.size(); ++i) many[i] = {i + 1, 2, 3};
+  EXPECT_EQ(Lb(CauseIdMsg(many)), 0);
+  EXPECT_EQ(View("4"), "");
+  // The first setting of a cause ID stays; the view lists bucket by bucket.
+  EXPECT_EQ(Lb(CauseIdMsg({{99, 11, 4}, {1050, 3, 2}, {7, 2, 1}})), 0);
+  NewTrace();
+  EXPECT_EQ(Lb(CauseIdMsg({{7, 5, 3}, {1, 12, 1}})), 0);
+  EXPECT_EQ(NewTrace(),
+            "\r\nWLAN LB message(SetType=6 Len=32 InitFlag=1)."
+            "WLAN_LB_KERNEL_LB_SET_CAUSEIID  len 32 causeidnum 2\n"
+            "WLAN_LB_SetCauseIDTable  causeid 7 lbtype 3 pkttype 5\n"
+            "WLAN_LB_SetCauseIDTable  causeid 1 lbtype 1 pkttype 12\n");
+  EXPECT_EQ(View("4"), "1    1    12  ;7    1    2   ;1050 2    3   ;99   4    11  ;");
+  EXPECT_EQ(Stats(), (Counts{0, 0, 0, 0, 0, 0, 6, 1}));
+}
+
+TEST_F(LbMessageTest, NacListSetsTheBoardTypeAndResetsTheCoaEntries) {
+  EXPECT_EQ(Lb(NacMsg(3, {})), 0);
+  EXPECT_EQ(View("1"), "");  // an empty list has no heading
+  EXPECT_EQ(Lb(NacMsg(7, {4, 17, 63})), 0);
+  EXPECT_EQ(View("1"), "\r\nNAC process list :4 17 63 ");
+  EXPECT_EQ(Stats(), (Counts{0, 0, 2, 0, 0, 0, 0, 7}));
+  // A count above the 16 slots: the 16 are shown.
+  std::vector<uint32_t> ids;
+  for (uint32_t i = 1; i <= 16; ++i) ids.push_back(i);
+  EXPECT_EQ(Lb(NacMsg(3, ids, 0xFFFF)), 0);
+  EXPECT_EQ(View("1"), "\r\nNAC process list :1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 ");
+  EXPECT_EQ(View("2"),
+            "\r\n  3799(D)                      UDP                                 NAC"
+            "\r\n  3799(D)                      UDP                                 NAC");
+}
+
+}  // namespace
+}  // namespace vane::test
