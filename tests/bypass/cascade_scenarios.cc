@@ -64,11 +64,13 @@ Bytes Vp(uint16_t cause, uint8_t vcpu, uint8_t mark, bool mf, uint16_t off) {
 }
 constexpr uint8_t kFirst = 0xAB;
 
-Bytes Cut(const Bytes& b, size_t len) { return Bytes(b.begin(), b.begin() + static_cast<long>(len)); }
+Bytes Cut(const Bytes& b, size_t len) {
+  return Bytes(b.begin(), b.begin() + static_cast<long>(len));
+}
 constexpr uint8_t kLater = 61;  // the vCPU byte the sender leaves to us
 
-BYPASS_LB_TABLE_S Table(uint32_t type, uint32_t vcpu, std::vector<uint16_t> causes,
-                        uint16_t lo = 0, uint16_t hi = 0) {
+BYPASS_LB_TABLE_S Table(uint32_t type, uint32_t vcpu, std::vector<uint16_t> causes, uint16_t lo = 0,
+                        uint16_t hi = 0) {
   BYPASS_LB_TABLE_S t{};
   t.ulEnable = 1;
   t.ulTableType = type;
@@ -271,7 +273,7 @@ TEST_F(CascadeTest, SteeringListBeforeRangeIvoBeforeDeteptionAndEveryHitCounted)
   const Case cases[] = {
       {13, 5},  // the vCPU's low byte; slot 3 of the list, not the range
       {10, 5},  // in both tables: the ivo table
-      {15, 5},  {30, 9}, {200, 9}, {199, 0}, {201, 0}, {0, 0}, {21, 0},
+      {15, 5}, {30, 9}, {200, 9}, {199, 0}, {201, 0}, {0, 0}, {21, 0},
   };
   for (const Case& c : cases) EXPECT_EQ(SendAndWhere(Plain(c.cause)), c.vcpu) << c.cause;
 
@@ -290,8 +292,8 @@ TEST_F(CascadeTest, SteeringListBeforeRangeIvoBeforeDeteptionAndEveryHitCounted)
 
   // Each half clears alone; other values and short writes clear nothing.
   auto write = [](uint32_t v, size_t len = 4) {
-    return env().Write(kIvoFile, Bytes(reinterpret_cast<uint8_t*>(&v),
-                                       reinterpret_cast<uint8_t*>(&v) + len));
+    return env().Write(kIvoFile,
+                       Bytes(reinterpret_cast<uint8_t*>(&v), reinterpret_cast<uint8_t*>(&v) + len));
   };
   EXPECT_EQ(write(7), 4);
   EXPECT_EQ(write(0, 3), -22);
@@ -346,12 +348,11 @@ TEST_F(CascadeTest, SteeringMessageRulesAndCommandTwenty) {
     EXPECT_EQ(line.level, 1);
     text.push_back(line.text);
   }
-  EXPECT_EQ(text, (std::vector<std::string>{"\r\n********ivo lb table***********\r",
-                                            "\r\nIvo  enable:1", "\r\nIvo  vcpuid:3",
-                                            "\r\nIvo  causeid[0]:7", "\r\nIvo  causeid[1]:8",
-                                            "\r\n\r\n********deteption lb table***********\r",
-                                            "\r\nDeteption  enable:1", "\r\nDeteption  vcpuid:5",
-                                            "\r\nDeteption  causeid[0]:50"}));
+  EXPECT_EQ(text, (std::vector<std::string>{
+                      "\r\n********ivo lb table***********\r", "\r\nIvo  enable:1",
+                      "\r\nIvo  vcpuid:3", "\r\nIvo  causeid[0]:7", "\r\nIvo  causeid[1]:8",
+                      "\r\n\r\n********deteption lb table***********\r", "\r\nDeteption  enable:1",
+                      "\r\nDeteption  vcpuid:5", "\r\nDeteption  causeid[0]:50"}));
 }
 
 // Two workers flip the ivo table between two whole tables while packets of
