@@ -16,7 +16,7 @@
 #include "kport/user/testing.h"
 #include "support/module_env.h"
 #include "support/wlan_msgs.h"
-#include "wlan_lb/lb_env.h"
+#include "wlan_lb/lb_fixture.h"
 
 namespace vane::test {
 namespace {
@@ -25,7 +25,7 @@ namespace fault = kport::user::fault;
 namespace klog = kport::user::klog;
 namespace vfs = kport::user::vfs;
 
-using LbInternalsTest = LbTest;
+using LbInternalsTest = LbModuleTest;
 
 constexpr char kCoa[] =
     "\r\n  3799(D)                      UDP                                 NAC";
@@ -35,17 +35,17 @@ TEST_F(LbInternalsTest, TheFirstMessageEmptiesWhatAnotherModuleSetAndNacListsRes
   ASSERT_EQ(WLAN_LB_SetSocketPortDistributeTbl(49, 1, 6, 0, 0), 0u);
   ASSERT_NE(View("2"), "");
   // Even with a Len that applies nothing.
-  EXPECT_EQ(Lb(LbMessage(5, 3), {.len_field = 0}), 0);
+  EXPECT_EQ(Send(LbMessage(5, 3), {.len_field = 0}), 0);
   EXPECT_EQ(View("2"), "");
   // Later messages leave the lists alone.
   ASSERT_EQ(WLAN_LB_SetSocketPortDistributeTbl(1812, 0, 5, 0, 0), 0u);
-  EXPECT_EQ(Lb(LbMessage(7, 0)), 0);
+  EXPECT_EQ(Send(LbMessage(7, 0)), 0);
   EXPECT_EQ(View("2"), "\r\n  1812(D)                      UDP                                 5");
 
   ASSERT_EQ(WLAN_LB_SetAAARdsCOADistributeTbl(1700, 4, 0), 0u);
   ASSERT_EQ(WLAN_LB_SetAAARdsCOADistributeTbl(1701, 5, 1), 0u);
   EXPECT_NE(View("2").find("1701(D)"), std::string::npos);
-  EXPECT_EQ(Lb(NacMsg(3, {1})), 0);
+  EXPECT_EQ(Send(NacMsg(3, {1})), 0);
   EXPECT_EQ(
       View("2"),
       std::string("\r\n  1812(D)                      UDP                                 5") +
@@ -61,7 +61,7 @@ TEST_F(LbInternalsTest, DirectCallsWithoutAHeadOrForAnotherIdAndAWrappingCounter
   EXPECT_EQ(Stats(), (std::vector<uint32_t>{0, 0, 0, 0, 0, 0, 0, 1}));
 
   g_ulMessageStatistics[5] = 0xFFFFFFFFu;
-  EXPECT_EQ(Lb(board), 0);
+  EXPECT_EQ(Send(board), 0);
   EXPECT_EQ(Stats(), (std::vector<uint32_t>{0, 0, 0, 0, 0, 0, 0, 3}));
 }
 
@@ -75,15 +75,15 @@ TEST_F(LbInternalsTest, ATableThatCannotBeCreatedIsCreatedByTheNextMessage) {
   fault::ClearAll();
   EXPECT_EQ(g_CAPWAP_LB_Table, nullptr);
   EXPECT_EQ(g_WLAN_LB_CAUSEID_HASH_Table, nullptr);
-  EXPECT_EQ(Lb(add), 0);
-  EXPECT_EQ(Lb(causes), 0);
+  EXPECT_EQ(Send(add), 0);
+  EXPECT_EQ(Send(causes), 0);
   EXPECT_EQ(CapwapRecords(10)[16], 1);
   EXPECT_EQ(View("4"), "7    1    1   ;");
 }
 
 TEST_F(LbInternalsTest, ViewFilesThatCannotCopyOrAllocate) {
-  ASSERT_EQ(Lb(CapwapMsg({5, 1, 1, 1, 1, 77})), 0);
-  ASSERT_EQ(Lb(CapwapKaMsg({5, 6, 7, 8}, 78)), 0);
+  ASSERT_EQ(Send(CapwapMsg({5, 1, 1, 1, 1, 77})), 0);
+  ASSERT_EQ(Send(CapwapKaMsg({5, 6, 7, 8}, 78)), 0);
   const Bytes capwap = CapwapRecords(5);
   const Bytes ka = KaRecord({5, 6, 7, 8});
   // A fault while copying the key: -1, the selector stays.

@@ -10,14 +10,14 @@
 #include "support/env.h"
 #include "support/module_env.h"
 #include "support/wlan_msgs.h"
-#include "wlan_lb/lb_env.h"
+#include "wlan_lb/lb_fixture.h"
 
 namespace vane::test {
 namespace {
 
 using Counts = std::vector<uint32_t>;  // seven counters, then the board type
 
-class LbMessageTest : public LbTest {
+class LbMessageTest : public LbModuleTest {
  protected:
   // The debug text written since the last call.
   std::string NewTrace() {
@@ -85,7 +85,7 @@ TEST_F(LbMessageTest, LenFieldAgainstTheBytesCarried) {
   for (const Case& c : cases) {
     SCOPED_TRACE(::testing::Message() << "set type " << int{c.msg[0]} << " carrying "
                                       << c.msg.size() << " bytes, Len " << c.len_field);
-    EXPECT_EQ(Lb(c.msg, {.len_field = c.len_field}), c.ack);
+    EXPECT_EQ(Send(c.msg, {.len_field = c.len_field}), c.ack);
     EXPECT_EQ(NewTrace(), c.trace);
     EXPECT_EQ(Stats(), c.stats);
   }
@@ -142,14 +142,14 @@ TEST_F(LbMessageTest, EverySetTypeIsCountedWhateverItsLengthAndAppliedOnlyAtItsL
   // One byte short and one too long of each: counted, nothing applied but
   // the board type, which has no length rule.
   for (const Bytes& m : right) {
-    for (size_t len : {m.size() - 1, m.size() + 1}) EXPECT_EQ(Lb(Resized(m, len)), 0);
+    for (size_t len : {m.size() - 1, m.size() + 1}) EXPECT_EQ(Send(Resized(m, len)), 0);
   }
   EXPECT_EQ(Stats(), (Counts{2, 2, 2, 2, 2, 2, 2, 3}));
   EXPECT_EQ(CapwapRecords(1), Bytes(200, 0));
   EXPECT_EQ(KaRecord(session), Bytes(20, 0));
   for (const char* view : {"1", "2", "4"}) EXPECT_EQ(View(view), "") << view;
 
-  for (const Bytes& m : right) EXPECT_EQ(Lb(m), 0);
+  for (const Bytes& m : right) EXPECT_EQ(Send(m), 0);
   EXPECT_EQ(Stats(), (Counts{3, 3, 3, 3, 3, 3, 3, 3}));
   EXPECT_EQ(Resized(CapwapRecords(1), 20),
             (Bytes{1, 0, 0, 0, 2, 0, 0, 0, 3, 0, 4, 0, 5, 0, 0, 0, 6, 0, 0, 0}));
@@ -167,23 +167,23 @@ TEST_F(LbMessageTest, CapwapAndKeepAliveEntriesAreAddedUpdatedAndDeletedByKey) {
   SetDebugLevel(4);
   // A delete before any add finds nothing; the reserved bytes sent are not
   // what the view shows.
-  EXPECT_EQ(Lb(CapwapMsg({10, 20, 30, 40, 7, 0}, 2)), 0);
+  EXPECT_EQ(Send(CapwapMsg({10, 20, 30, 40, 7, 0}, 2)), 0);
   Bytes add = CapwapMsg({10, 20, 30, 40, 7, 300});
   add[8 + 13] = add[8 + 14] = add[8 + 15] = 0xEE;
-  EXPECT_EQ(Lb(add), 0);
-  EXPECT_EQ(Lb(CapwapMsg({10, 20, 30, 40, 7, 301})), 0);  // one record per key
+  EXPECT_EQ(Send(add), 0);
+  EXPECT_EQ(Send(CapwapMsg({10, 20, 30, 40, 7, 301})), 0);  // one record per key
   EXPECT_EQ(CapwapRecords(10),
             Resized({10, 0, 0, 0, 20, 0, 0, 0, 30, 0, 40, 0, 7, 0, 0, 0, 45, 1, 0, 0}, 200));
-  EXPECT_EQ(Lb(CapwapMsg({10, 20, 30, 40, 7, 99}, 2)), 0);  // whatever its process
+  EXPECT_EQ(Send(CapwapMsg({10, 20, 30, 40, 7, 99}, 2)), 0);  // whatever its process
   EXPECT_EQ(CapwapRecords(10), Bytes(200, 0));
 
   const uint32_t session[4] = {11, 12, 13, 14};
-  EXPECT_EQ(Lb(CapwapKaMsg(session, 15, 0)), 0);
-  EXPECT_EQ(Lb(CapwapKaMsg(session, 16)), 0);
+  EXPECT_EQ(Send(CapwapKaMsg(session, 15, 0)), 0);
+  EXPECT_EQ(Send(CapwapKaMsg(session, 16)), 0);
   EXPECT_EQ(KaRecord(session),
             (Bytes{11, 0, 0, 0, 12, 0, 0, 0, 13, 0, 0, 0, 14, 0, 0, 0, 16, 0, 0, 0}));
-  EXPECT_EQ(Lb(CapwapKaMsg(session, 0, 2)), 0);
-  EXPECT_EQ(Lb(CapwapKaMsg(session, 0, 2)), 0);
+  EXPECT_EQ(Send(CapwapKaMsg(session, 0, 2)), 0);
+  EXPECT_EQ(Send(CapwapKaMsg(session, 0, 2)), 0);
   EXPECT_EQ(KaRecord(session), Bytes(20, 0));
   EXPECT_EQ(Stats(), (Counts{4, 4, 0, 0, 0, 0, 0, 1}));
   EXPECT_EQ(DebugText(),
@@ -216,22 +216,22 @@ TEST_F(LbMessageTest, CapwapAndKeepAliveEntriesAreAddedUpdatedAndDeletedByKey) {
 TEST_F(LbMessageTest, CauseIdCountMustMatchTheLengthIn64Bits) {
   SetDebugLevel(4);
   // Count 0 and no entries: counted and traced, no table.
-  EXPECT_EQ(Lb(CauseIdMsg({})), 0);
+  EXPECT_EQ(Send(CauseIdMsg({})), 0);
   EXPECT_EQ(NewTrace(),
             "\r\nWLAN LB message(SetType=6 Len=8 InitFlag=0)."
             "WLAN_LB_KERNEL_LB_SET_CAUSEIID  len 8 causeidnum 0\n");
   // A count whose 12-fold wraps to the body length in 32 bits.
-  EXPECT_EQ(Lb(CauseIdMsg({{5, 1, 1}}, 0x15555556u)), 0);
-  EXPECT_EQ(Lb(Resized(CauseIdMsg({}, 0x15555556u), 16)), 0);
+  EXPECT_EQ(Send(CauseIdMsg({{5, 1, 1}}, 0x15555556u)), 0);
+  EXPECT_EQ(Send(Resized(CauseIdMsg({}, 0x15555556u), 16)), 0);
   // More than 100: nothing is added.
   std::vector<WLAN_LB_CAUSEID_NODE_S> many(101);
   for (uint32_t i = 0; i < many.size(); ++i) many[i] = {i + 1, 2, 3};
-  EXPECT_EQ(Lb(CauseIdMsg(many)), 0);
+  EXPECT_EQ(Send(CauseIdMsg(many)), 0);
   EXPECT_EQ(View("4"), "");
   // The first setting of a cause ID stays; the view lists bucket by bucket.
-  EXPECT_EQ(Lb(CauseIdMsg({{99, 11, 4}, {1050, 3, 2}, {7, 2, 1}})), 0);
+  EXPECT_EQ(Send(CauseIdMsg({{99, 11, 4}, {1050, 3, 2}, {7, 2, 1}})), 0);
   NewTrace();
-  EXPECT_EQ(Lb(CauseIdMsg({{7, 5, 3}, {1, 12, 1}})), 0);
+  EXPECT_EQ(Send(CauseIdMsg({{7, 5, 3}, {1, 12, 1}})), 0);
   EXPECT_EQ(NewTrace(),
             "\r\nWLAN LB message(SetType=6 Len=32 InitFlag=1)."
             "WLAN_LB_KERNEL_LB_SET_CAUSEIID  len 32 causeidnum 2\n"
@@ -242,15 +242,15 @@ TEST_F(LbMessageTest, CauseIdCountMustMatchTheLengthIn64Bits) {
 }
 
 TEST_F(LbMessageTest, NacListSetsTheBoardTypeAndResetsTheCoaEntries) {
-  EXPECT_EQ(Lb(NacMsg(3, {})), 0);
+  EXPECT_EQ(Send(NacMsg(3, {})), 0);
   EXPECT_EQ(View("1"), "");  // an empty list has no heading
-  EXPECT_EQ(Lb(NacMsg(7, {4, 17, 63})), 0);
+  EXPECT_EQ(Send(NacMsg(7, {4, 17, 63})), 0);
   EXPECT_EQ(View("1"), "\r\nNAC process list :4 17 63 ");
   EXPECT_EQ(Stats(), (Counts{0, 0, 2, 0, 0, 0, 0, 7}));
   // A count above the 16 slots: the 16 are shown.
   std::vector<uint32_t> ids;
   for (uint32_t i = 1; i <= 16; ++i) ids.push_back(i);
-  EXPECT_EQ(Lb(NacMsg(3, ids, 0xFFFF)), 0);
+  EXPECT_EQ(Send(NacMsg(3, ids, 0xFFFF)), 0);
   EXPECT_EQ(View("1"), "\r\nNAC process list :1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 ");
   EXPECT_EQ(View("2"),
             "\r\n  3799(D)                      UDP                                 NAC"

@@ -10,19 +10,19 @@
 #include "support/env.h"
 #include "support/module_env.h"
 #include "support/wlan_msgs.h"
-#include "wlan_lb/lb_env.h"
+#include "wlan_lb/lb_fixture.h"
 
 namespace vane::test {
 namespace {
 
-using LbViewTest = LbTest;
+using LbViewTest = LbModuleTest;
 
 TEST_F(LbViewTest, StatisticsViewAndTheSelector) {
   EXPECT_EQ(Text(env().Read(kAttr)), "");  // no view chosen at load
-  EXPECT_EQ(Lb(LbMessage(5, 3)), 0);
-  EXPECT_EQ(Lb(CapwapMsg({1, 2, 3, 4, 5, 6})), 0);
-  EXPECT_EQ(Lb(Resized(PortalMsg(1, 2), 19)), 0);
-  EXPECT_EQ(Lb(CauseIdMsg({{7, 1, 1}})), 0);
+  EXPECT_EQ(Send(LbMessage(5, 3)), 0);
+  EXPECT_EQ(Send(CapwapMsg({1, 2, 3, 4, 5, 6})), 0);
+  EXPECT_EQ(Send(Resized(PortalMsg(1, 2), 19)), 0);
+  EXPECT_EQ(Send(CauseIdMsg({{7, 1, 1}})), 0);
   const std::string stats =
       "\r\nWLAN LB KERNEL LB SET CAPWAP      :1 "
       "\r\nWLAN LB KERNEL LB SET CAPWAP KA   :0 "
@@ -48,7 +48,7 @@ TEST_F(LbViewTest, StatisticsViewAndTheSelector) {
       "\r\nWLAN LB BOARD TYPE                :3 \r\n";
   EXPECT_EQ(View("0"), cleared);
   for (const char* clear : {"none", "0x100000000"}) {
-    EXPECT_EQ(Lb(LbMessage(5, 3)), 0);
+    EXPECT_EQ(Send(LbMessage(5, 3)), 0);
     EXPECT_EQ(View(clear), cleared) << clear;
   }
   // Any base, the number taken as a signed 32-bit value, only its leading
@@ -64,16 +64,16 @@ TEST_F(LbViewTest, StatisticsViewAndTheSelector) {
 TEST_F(LbViewTest, SocketPortViewListsUdpThenTcpThenCoaAndPortal) {
   EXPECT_EQ(View("2"), "");
   SetDebugLevel(4);
-  EXPECT_EQ(Lb(SocketPortMsg(1812, false, 0, 5)), 0);
+  EXPECT_EQ(Send(SocketPortMsg(1812, false, 0, 5)), 0);
   EXPECT_EQ(DebugText(),
             "\r\nWLAN LB message(SetType=4 Len=24 InitFlag=0)."
             "\r\nProc socket port distribute table.(op 1 port 1812 TcpFlag 0 process 5 "
             "SrcPortFlag 0, isIpv6 0).");
-  EXPECT_EQ(Lb(SocketPortMsg(2000, false, 1, 7)), 0);
-  EXPECT_EQ(Lb(SocketPortMsg(2001, false, 1, 0xFFFFFFFF)), 0);
-  EXPECT_EQ(Lb(SocketPortMsg(49, true, 0, 12, 1)), 0);
-  EXPECT_EQ(Lb(SocketPortMsg(65535, true, 1, 3)), 0);
-  EXPECT_EQ(Lb(SocketPortMsg(1812, false, 0, 6)), 0);  // replaced: to the front
+  EXPECT_EQ(Send(SocketPortMsg(2000, false, 1, 7)), 0);
+  EXPECT_EQ(Send(SocketPortMsg(2001, false, 1, 0xFFFFFFFF)), 0);
+  EXPECT_EQ(Send(SocketPortMsg(49, true, 0, 12, 1)), 0);
+  EXPECT_EQ(Send(SocketPortMsg(65535, true, 1, 3)), 0);
+  EXPECT_EQ(Send(SocketPortMsg(1812, false, 0, 6)), 0);  // replaced: to the front
   const std::string lists =
       "\r\n  1812(D)                      UDP                                 6"
       "\r\n  2001(S)                      UDP                                 NAC"
@@ -83,27 +83,27 @@ TEST_F(LbViewTest, SocketPortViewListsUdpThenTcpThenCoaAndPortal) {
   EXPECT_EQ(View("2"), lists);
 
   // The CoA lines come with the first NAC list, the Portal line with a port.
-  EXPECT_EQ(Lb(NacMsg(3, {1})), 0);
-  EXPECT_EQ(Lb(PortalMsg(8443, 4000000000u)), 0);
+  EXPECT_EQ(Send(NacMsg(3, {1})), 0);
+  EXPECT_EQ(Send(PortalMsg(8443, 4000000000u)), 0);
   const std::string coa =
       "\r\n  3799(D)                      UDP                                 NAC";
   EXPECT_EQ(
       View("2"),
       lists + coa + coa +
           "\r\n  8443(D)                      UDP                                 4000000000");
-  EXPECT_EQ(Lb(PortalMsg(0, 9)), 0);
+  EXPECT_EQ(Send(PortalMsg(0, 9)), 0);
   EXPECT_EQ(View("2"), lists + coa + coa);
 
   // A delete of each list's entry.
-  EXPECT_EQ(Lb(SocketPortMsg(1812, false, 0, 0, 0, 2)), 0);
-  EXPECT_EQ(Lb(SocketPortMsg(49, true, 0, 0, 1, 2)), 0);
+  EXPECT_EQ(Send(SocketPortMsg(1812, false, 0, 0, 0, 2)), 0);
+  EXPECT_EQ(Send(SocketPortMsg(49, true, 0, 0, 1, 2)), 0);
   EXPECT_EQ(View("2").find("1812"), std::string::npos);
   EXPECT_EQ(View("2").find("  49(D)"), std::string::npos);
 }
 
 TEST_F(LbViewTest, TextThatDoesNotFitThePageIsCut) {
   for (uint32_t port = 1; port <= 100; ++port) {
-    ASSERT_EQ(Lb(SocketPortMsg(static_cast<uint16_t>(port), false, 0, 100000 + port)), 0);
+    ASSERT_EQ(Send(SocketPortMsg(static_cast<uint16_t>(port), false, 0, 100000 + port)), 0);
   }
   // 75 characters a line, newest first: 54 whole lines, then 45 characters.
   const std::string shown = View("2");
@@ -122,9 +122,9 @@ TEST_F(LbViewTest, CapwapFileShowsTheFirstTenRecordsOfAnAddressInBucketOrder) {
   // unlike the buckets', and one of another address among them.
   for (uint16_t i = 0; i < 12; ++i) {
     const auto dport = static_cast<uint16_t>(5000 + (i * 37) % 200);
-    ASSERT_EQ(Lb(CapwapMsg({kSip, 7, 1, dport, 2, 40u + i})), 0);
+    ASSERT_EQ(Send(CapwapMsg({kSip, 7, 1, dport, 2, 40u + i})), 0);
   }
-  ASSERT_EQ(Lb(CapwapMsg({kSip + 1, 6, 1, 5000, 2, 99})), 0);
+  ASSERT_EQ(Send(CapwapMsg({kSip + 1, 6, 1, 5000, 2, 99})), 0);
 
   // Read 50 bytes at a time: four reads, then the end.
   ASSERT_EQ(env().Write(kCapwapFile, Raw(uint64_t{kSip})), 8);
@@ -148,8 +148,8 @@ TEST_F(LbViewTest, CapwapFileShowsTheFirstTenRecordsOfAnAddressInBucketOrder) {
 TEST_F(LbViewTest, KeepAliveFileShowsTheRecordOfTheWrittenSession) {
   const uint32_t session[4] = {1, 2, 3, 4};
   EXPECT_EQ(KaRecord(session), Bytes(20, 0));
-  ASSERT_EQ(Lb(CapwapKaMsg(session, 9)), 0);
-  ASSERT_EQ(Lb(CapwapKaMsg({1, 2, 3, 5}, 10)), 0);
+  ASSERT_EQ(Send(CapwapKaMsg(session, 9)), 0);
+  ASSERT_EQ(Send(CapwapKaMsg({1, 2, 3, 5}, 10)), 0);
   // A longer write takes its first 16 bytes; a read in small pieces the whole record.
   Bytes key = Raw(session);
   key.push_back(0xAA);
@@ -160,8 +160,8 @@ TEST_F(LbViewTest, KeepAliveFileShowsTheRecordOfTheWrittenSession) {
 }
 
 TEST_F(LbViewTest, KeysShorterThanTheirFileTakesAreRefusedAndChangeNothing) {
-  ASSERT_EQ(Lb(CapwapMsg({5, 1, 1, 1, 1, 77})), 0);
-  ASSERT_EQ(Lb(CapwapKaMsg({5, 6, 7, 8}, 78)), 0);
+  ASSERT_EQ(Send(CapwapMsg({5, 1, 1, 1, 1, 77})), 0);
+  ASSERT_EQ(Send(CapwapKaMsg({5, 6, 7, 8}, 78)), 0);
   const Bytes capwap = CapwapRecords(5);
   const Bytes ka = KaRecord({5, 6, 7, 8});
   EXPECT_EQ(capwap[16], 77);

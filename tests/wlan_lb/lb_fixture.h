@@ -1,8 +1,8 @@
 // The WLAN tables as their users reach them: LB messages (control message
 // 10) from a worker, and the views an operator reads back. Safe for
 // scenarios: everything goes through env().
-#ifndef VANE_TESTS_WLAN_LB_LB_ENV_H
-#define VANE_TESTS_WLAN_LB_LB_ENV_H
+#ifndef VANE_TESTS_WLAN_LB_LB_FIXTURE_H
+#define VANE_TESTS_WLAN_LB_LB_FIXTURE_H
 
 #include <gtest/gtest.h>
 
@@ -70,7 +70,7 @@ inline Bytes KaRecord(const uint32_t (&session)[4]) {
 
 // The module loaded around each test, with a worker registered as the
 // default receiver that sends the LB messages.
-class LbTest : public ModuleTest {
+class LbModuleTest : public ModuleTest {
  protected:
   void SetUp() override {
     ModuleTest::SetUp();
@@ -82,7 +82,7 @@ class LbTest : public ModuleTest {
     ModuleTest::TearDown();
   }
   // The acknowledgement's code.
-  int Lb(const Bytes& msg, const CtrlOptions& opt = {}) {
+  int Send(const Bytes& msg, const CtrlOptions& opt = {}) {
     return ctl_->Control(10, msg, kNormal, opt).value_or(-9999);
   }
 
@@ -91,4 +91,4 @@ class LbTest : public ModuleTest {
 
 }  // namespace vane::test
 
-#endif  // VANE_TESTS_WLAN_LB_LB_ENV_H
+#endif  // VANE_TESTS_WLAN_LB_LB_FIXTURE_H
