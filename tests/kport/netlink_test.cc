@@ -1,5 +1,6 @@
-// Netlink: the receive walk and its acknowledgements, unicast to user
-// sockets, and the life cycle of kernel sockets.
+// Netlink of the user backend, as the module and the host use it: the
+// receive walk and its acknowledgements, unicast to queued and to external
+// sockets, and the life cycle of both kinds of socket.
 #include "kport/netlink.h"
 
 #include <gtest/gtest.h>
@@ -11,12 +12,15 @@
 #include <vector>
 
 #include "kport/errno.h"
+#include "kport/user/external.h"
 #include "kport/user/testing.h"
 
 namespace {
 
 using kport::user::DecodeAck;
+using kport::user::ExternalSocket;
 using kport::user::UserSocket;
+using Bytes = std::vector<uint8_t>;
 
 constexpr int kProto = 30;
 constexpr uint32_t kPort = 4242;
@@ -25,8 +29,6 @@ constexpr uint16_t kType = 0x20;      // handled by the module
 constexpr uint16_t kFailType = 0x21;  // its handler fails with -EINVAL
 constexpr uint16_t kReq = KPORT_NLM_F_REQUEST;
 constexpr uint16_t kAck = KPORT_NLM_F_ACK;
-
-using Bytes = std::vector<uint8_t>;
 
 // One message: header then `payload` bytes of 0xab; nlmsg_len is unaligned.
 Bytes Msg(uint16_t type, uint16_t flags, uint32_t seq, uint32_t payload = 0) {
@@ -51,7 +53,6 @@ struct Seen {
   uint32_t seq;
   uint32_t creds_pid;
 };
-
 std::mutex g_mu;
 std::vector<Seen> g_seen;
 
@@ -78,11 +79,18 @@ class NetlinkTest : public ::testing::Test {
     kport_netlink_kernel_release(sk_);
     EXPECT_EQ(kport::user::LiveAllocations(), live_before_);
   }
-
   std::vector<Bytes> Drain() {
     std::vector<Bytes> out;
     while (auto m = user_->Receive()) out.push_back(*m);
     return out;
+  }
+  // Unicasts a message of `payload` bytes of 0x5a as the module does; its
+  // length is 16 + payload (payload a multiple of 4).
+  int Unicast(uint32_t port, size_t payload, bool nonblock = true) {
+    sk_buff* skb = kport_alloc_skb(KPORT_NLMSG_HDRLEN + static_cast<unsigned>(payload));
+    kport_nlmsghdr* h = kport_nlmsg_put(skb, port, 0, 0x30, static_cast<int>(payload), 0);
+    std::memset(reinterpret_cast<uint8_t*>(h) + KPORT_NLMSG_HDRLEN, 0x5a, payload);
+    return kport_netlink_unicast(sk_, skb, port, nonblock ? 1 : 0);
   }
 
   size_t live_before_ = 0;
@@ -90,83 +98,63 @@ class NetlinkTest : public ::testing::Test {
   std::unique_ptr<UserSocket> user_;
 };
 
-TEST_F(NetlinkTest, WalksEveryMessageOfOneSendInOrder) {
+TEST_F(NetlinkTest, WalksEveryWellFormedMessageOfASendInOrderAndStopsAtABadOne) {
   const Bytes batch = Concat({Msg(kType, kReq, 1, 5), Msg(kType, kReq, 2, 8), Msg(kType, kReq, 3)});
   EXPECT_EQ(user_->Send(batch), static_cast<int>(batch.size()));
-  ASSERT_EQ(g_seen.size(), 3u);
-  for (uint32_t i = 0; i < 3; ++i) {
-    EXPECT_EQ(g_seen[i].seq, i + 1);
-    EXPECT_EQ(g_seen[i].creds_pid, kPid);
-  }
-  EXPECT_EQ(user_->Pending(), 0u) << "no acknowledgement unless asked for or failed";
-}
-
-TEST_F(NetlinkTest, StopsAtMalformedOrShortRemainder) {
-  Bytes bad_len = Msg(kType, kReq, 2);
+  Bytes bad_len = Msg(kType, kReq, 5);
   bad_len[0] = 8;  // nlmsg_len below the header size
-  user_->Send(Concat({Msg(kType, kReq, 1), bad_len, Msg(kType, kReq, 3)}));
-
-  Bytes too_long = Msg(kType, kReq, 5, 8);
+  user_->Send(Concat({Msg(kType, kReq, 4), bad_len, Msg(kType, kReq, 6)}));
+  Bytes too_long = Msg(kType, kReq, 8, 8);
   too_long.resize(20);  // claims 24 bytes, 20 remain
-  user_->Send(Concat({Msg(kType, kReq, 4), too_long}));
-
-  Bytes trailing = Msg(kType, kReq, 6);
+  user_->Send(Concat({Msg(kType, kReq, 7), too_long}));
+  Bytes trailing = Msg(kType, kReq, 9);
   trailing.resize(trailing.size() + 12, 0);  // fewer bytes than a header
   user_->Send(trailing);
 
-  ASSERT_EQ(g_seen.size(), 3u);
-  EXPECT_EQ(g_seen[0].seq, 1u);
-  EXPECT_EQ(g_seen[1].seq, 4u);
-  EXPECT_EQ(g_seen[2].seq, 6u);
-  EXPECT_EQ(user_->Pending(), 0u);
+  std::vector<uint32_t> seqs;
+  for (const Seen& s : g_seen) {
+    seqs.push_back(s.seq);
+    EXPECT_EQ(s.creds_pid, kPid);
+  }
+  EXPECT_EQ(seqs, (std::vector<uint32_t>{1, 2, 3, 4, 7, 9}));
+  EXPECT_EQ(user_->Pending(), 0u) << "no acknowledgement unless asked for or failed";
 }
 
-TEST_F(NetlinkTest, NonRequestsAndControlTypesAreAckedButNotHandled) {
+TEST_F(NetlinkTest, AcknowledgementsEchoTheHeaderOnSuccessAndTheMessageOnError) {
+  // Non-requests and control types are acknowledged, not handled.
   user_->Send(Concat({Msg(kType, kAck, 1), Msg(KPORT_NLMSG_MIN_TYPE - 1, kReq | kAck, 2)}));
   EXPECT_TRUE(g_seen.empty());
-  const auto acks = Drain();
-  ASSERT_EQ(acks.size(), 2u);
+  const Bytes ok = Msg(kType, kReq | kAck, 9, 6);
+  const Bytes fail = Msg(kFailType, kReq, 4, 7);  // acknowledged unasked
+  user_->Send(Concat({ok, fail, Msg(kType, kReq, 5)}));
+  EXPECT_EQ(g_seen.size(), 3u) << "a failed message does not stop the walk";
+
+  const std::vector<Bytes> msgs = Drain();
+  ASSERT_EQ(msgs.size(), 4u);
   for (uint32_t i = 0; i < 2; ++i) {
-    auto ack = DecodeAck(acks[i]);
+    auto ack = DecodeAck(msgs[i]);
     ASSERT_TRUE(ack);
     EXPECT_EQ(ack->error, 0);
     EXPECT_EQ(ack->seq, i + 1);
   }
-}
-
-TEST_F(NetlinkTest, SuccessAckEchoesOnlyTheHeader) {
-  const Bytes req = Msg(kType, kReq | kAck, 9, 6);
-  user_->Send(req);
-  const auto msgs = Drain();
-  ASSERT_EQ(msgs.size(), 1u);
-  const Bytes& m = msgs[0];
-  auto ack = DecodeAck(m);
+  auto ack = DecodeAck(msgs[2]);
   ASSERT_TRUE(ack);
   EXPECT_EQ(ack->flags, KPORT_NLM_F_CAPPED);
   EXPECT_EQ(ack->seq, 9u);
   EXPECT_EQ(ack->portid, kPort);
-  EXPECT_EQ(ack->error, 0);
-  ASSERT_EQ(m.size(), 36u);
-  EXPECT_EQ(m[0], 36) << "nlmsg_len";
-  EXPECT_EQ(Bytes(m.begin() + 20, m.end()), Bytes(req.begin(), req.begin() + 16));
-}
+  ASSERT_EQ(msgs[2].size(), 36u);
+  EXPECT_EQ(msgs[2][0], 36) << "nlmsg_len";
+  EXPECT_EQ(Bytes(msgs[2].begin() + 20, msgs[2].end()), Bytes(ok.begin(), ok.begin() + 16));
 
-TEST_F(NetlinkTest, ErrorAckEchoesTheWholeMessageEvenUnasked) {
-  const Bytes req = Msg(kFailType, kReq, 4, 7);
-  user_->Send(Concat({req, Msg(kType, kReq, 5)}));
-  EXPECT_EQ(g_seen.size(), 2u) << "a failed message does not stop the walk";
-  const auto msgs = Drain();
-  ASSERT_EQ(msgs.size(), 1u);
-  const Bytes& m = msgs[0];
-  auto ack = DecodeAck(m);
+  ack = DecodeAck(msgs[3]);
   ASSERT_TRUE(ack);
   EXPECT_EQ(ack->error, -KPORT_EINVAL);
   EXPECT_EQ(ack->flags, 0) << "not capped";
-  ASSERT_EQ(m.size(), KPORT_NLMSG_ALIGN(20 + req.size()));
-  EXPECT_EQ(Bytes(m.begin() + 20, m.begin() + 20 + req.size()), req);
+  ASSERT_EQ(msgs[3].size(), KPORT_NLMSG_ALIGN(20 + fail.size()));
+  EXPECT_EQ(Bytes(msgs[3].begin() + 20, msgs[3].begin() + 20 + fail.size()), fail);
 }
 
-TEST_F(NetlinkTest, UnicastQueuesWholeBufferAndConsumesIt) {
+TEST_F(NetlinkTest, UnicastQueuesTheWholeBufferOrRefusesIt) {
   sk_buff* skb = kport_alloc_skb(64);
   ASSERT_NE(skb, nullptr);
   kport_nlmsghdr* nlh = kport_nlmsg_put(skb, kPort, 3, kType, 5, 0);
@@ -174,40 +162,114 @@ TEST_F(NetlinkTest, UnicastQueuesWholeBufferAndConsumesIt) {
   EXPECT_EQ(kport_skb_tailroom(skb), 64u - 24u) << "room is taken aligned";
   std::memset(reinterpret_cast<uint8_t*>(nlh) + 16, 0x11, 5);
   EXPECT_EQ(kport_netlink_unicast(sk_, skb, kPort, 1), 24);
-
   auto got = user_->Receive();
   ASSERT_TRUE(got);
   ASSERT_EQ(got->size(), 24u);
   EXPECT_EQ(Bytes(got->begin() + 16, got->end()), (Bytes{0x11, 0x11, 0x11, 0x11, 0x11, 0, 0, 0}));
-}
 
-TEST_F(NetlinkTest, UnicastRefusesUnknownPortAndFullQueue) {
-  EXPECT_EQ(kport_netlink_unicast(sk_, kport_alloc_skb(16), kPort + 1, 1), -KPORT_ECONNREFUSED);
-
+  EXPECT_EQ(Unicast(kPort + 1, 0), -KPORT_ECONNREFUSED);
   auto small = UserSocket::Open(kProto, 99, 99, /*queue_limit=*/1);
   ASSERT_NE(small, nullptr);
-  EXPECT_EQ(kport_netlink_unicast(sk_, kport_alloc_skb(16), 99, 1), 0);
-  EXPECT_EQ(kport_netlink_unicast(sk_, kport_alloc_skb(16), 99, 1), -KPORT_EAGAIN);
+  EXPECT_EQ(Unicast(99, 0), 16);
+  EXPECT_EQ(Unicast(99, 0), -KPORT_EAGAIN);
   EXPECT_EQ(small->Pending(), 1u);
-
   // Without nonblock the sender waits for the reader.
   std::atomic<int> blocked_result{1};
-  std::thread sender(
-      [&] { blocked_result = kport_netlink_unicast(sk_, kport_alloc_skb(8), 99, 0); });
+  std::thread sender([&] { blocked_result = Unicast(99, 4, false); });
   EXPECT_TRUE(small->Receive());
   sender.join();
-  EXPECT_EQ(blocked_result, 0);
+  EXPECT_EQ(blocked_result, 20);
   EXPECT_EQ(small->Pending(), 1u);
   // TearDown checks that every refused buffer was freed.
 }
 
 TEST_F(NetlinkTest, SocketsAreUniqueAndNeedTheKernelSide) {
+  auto sink = [](const uint8_t*, size_t n, bool) { return static_cast<int>(n); };
   EXPECT_EQ(kport_netlink_kernel_create(kProto, Input), nullptr);
   EXPECT_EQ(UserSocket::Open(kProto, kPort, 1), nullptr);
+  EXPECT_EQ(ExternalSocket::Open(kProto, kPort, kPid, sink), nullptr) << "port id taken";
   EXPECT_EQ(UserSocket::Open(kProto + 1, 5, 5), nullptr);
+  EXPECT_EQ(ExternalSocket::Open(kProto + 1, 5, 5, sink), nullptr) << "no kernel socket";
   EXPECT_NE(UserSocket::Open(kProto + 1, 5, 5, 8, /*require_kernel=*/false), nullptr);
+  EXPECT_NE(ExternalSocket::Open(kProto + 1, 5, 5, sink, false), nullptr);
+  EXPECT_EQ(ExternalSocket::Open(kProto, kPort + 1, kPid, nullptr), nullptr) << "no sink";
   EXPECT_TRUE(kport::user::KernelSocketExists(kProto));
   EXPECT_FALSE(kport::user::KernelSocketExists(kProto + 1));
+  user_.reset();
+  EXPECT_NE(ExternalSocket::Open(kProto, kPort, kPid, sink), nullptr);
+}
+
+TEST_F(NetlinkTest, AnExternalSinkGetsTheBytesAndDecidesTheResult) {
+  std::vector<std::pair<Bytes, bool>> got;
+  int verdict = 0;  // 0: accept (return the length), else return it
+  auto ext =
+      ExternalSocket::Open(kProto, kPort + 1, kPid, [&](const uint8_t* d, size_t n, bool nb) {
+        got.emplace_back(Bytes(d, d + n), nb);
+        return verdict == 0 ? static_cast<int>(n) : verdict;
+      });
+  ASSERT_NE(ext, nullptr);
+  EXPECT_EQ(ext->portid(), kPort + 1);
+  EXPECT_EQ(Unicast(kPort + 1, 40), 56);
+  verdict = -KPORT_EAGAIN;
+  EXPECT_EQ(Unicast(kPort + 1, 8, false), -KPORT_EAGAIN);
+  ASSERT_EQ(got.size(), 2u);
+  EXPECT_EQ(Bytes(got[0].first.begin() + 16, got[0].first.end()), Bytes(40, 0x5a));
+  EXPECT_TRUE(got[0].second);
+  EXPECT_FALSE(got[1].second);
+
+  // A send carries the socket's pid; its acknowledgement comes back to it.
+  verdict = 0;
+  got.clear();
+  const Bytes req = Msg(kType, kReq | kAck, 7, 4);
+  EXPECT_EQ(ext->Send(req.data(), req.size()), 20);
+  ASSERT_EQ(g_seen.size(), 1u);
+  EXPECT_EQ(g_seen[0].creds_pid, kPid);
+  ASSERT_EQ(got.size(), 1u);
+  auto ack = DecodeAck(got[0].first);
+  ASSERT_TRUE(ack.has_value());
+  EXPECT_EQ(ack->portid, kPort + 1);
+  EXPECT_EQ(ack->seq, 7u);
+}
+
+TEST_F(NetlinkTest, ClosingAnExternalSocketWaitsForItsSinkAndRefusesLaterCalls) {
+  std::atomic<bool> inside{false}, release{false}, destroyed{false}, called_after{false};
+  auto ext = ExternalSocket::Open(kProto, kPort + 1, kPid, [&](const uint8_t*, size_t n, bool) {
+    if (destroyed) called_after = true;
+    inside = true;
+    while (!release) std::this_thread::yield();
+    return static_cast<int>(n);
+  });
+  ASSERT_NE(ext, nullptr);
+  int first = 0;
+  std::thread sender([&] { first = Unicast(kPort + 1, 16); });
+  while (!inside) std::this_thread::yield();
+  std::thread closer([&] {
+    ext.reset();
+    destroyed = true;
+  });
+  release = true;
+  closer.join();
+  sender.join();
+  EXPECT_EQ(first, 32) << "the call under way completes";
+  EXPECT_EQ(Unicast(kPort + 1, 16), -KPORT_ECONNREFUSED);
+  EXPECT_FALSE(called_after);
+}
+
+TEST_F(NetlinkTest, ConcurrentDeliveriesAllReachAnExternalSink) {
+  std::atomic<uint64_t> count{0};
+  auto ext = ExternalSocket::Open(kProto, kPort + 1, kPid, [&](const uint8_t*, size_t n, bool) {
+    count.fetch_add(1);
+    return static_cast<int>(n);
+  });
+  ASSERT_NE(ext, nullptr);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 2000; ++i) Unicast(kPort + 1, 24);
+    });
+  }
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(count.load(), 8000u);
 }
 
 std::atomic<bool> g_in_input{false};
@@ -224,7 +286,6 @@ void SlowInput(sk_buff*) {
 }
 
 TEST(NetlinkRelease, WaitsForRunningInputThenRefusesSends) {
-  g_in_input = g_release_returned = g_returned_early = false;
   sock* sk = kport_netlink_kernel_create(kProto + 2, SlowInput);
   ASSERT_NE(sk, nullptr);
   auto user = UserSocket::Open(kProto + 2, 1, 1);

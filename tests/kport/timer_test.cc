@@ -59,46 +59,43 @@ class ManualClockTest : public ::testing::Test {
   std::vector<std::unique_ptr<Probe>> probes_;
 };
 
-TEST_F(ManualClockTest, FiresDueTimersInExpiryOrderAtTheirTick) {
+TEST_F(ManualClockTest, FiresDueTimersInExpiryOrderAtTheirTickAcrossTheWrap) {
   const unsigned long t0 = kport_jiffies();
   kport_timer_add(&Make(1)->timer, t0 + 5);
   kport_timer_add(&Make(2)->timer, t0 + 2);
   kport_timer_add(&Make(3)->timer, t0 + 2);
-
   clk::Advance(1);
   EXPECT_TRUE(g_fired.empty());
   clk::Advance(9);
   EXPECT_EQ(g_fired, (Fired{{2, t0 + 2}, {3, t0 + 2}, {1, t0 + 5}}));
   EXPECT_EQ(kport_jiffies(), t0 + 10);
-}
 
-TEST_F(ManualClockTest, OrderHoldsAcrossTheCounterWrap) {
+  g_fired.clear();
   clk::UseManual(ULONG_MAX - 1);
-  kport_timer_add(&Make(1)->timer, 2);  // three ticks after the wrap
-  kport_timer_add(&Make(2)->timer, ULONG_MAX);
+  kport_timer_add(&Make(4)->timer, 2);  // three ticks after the wrap
+  kport_timer_add(&Make(5)->timer, ULONG_MAX);
   clk::Advance(4);
-  EXPECT_EQ(g_fired, (Fired{{2, ULONG_MAX}, {1, 2}}));
+  EXPECT_EQ(g_fired, (Fired{{5, ULONG_MAX}, {4, 2}}));
 }
 
-TEST_F(ManualClockTest, CallbackMayRearmItself) {
+// A callback re-arming itself fires again at its new expiry; one re-armed
+// for now fires at the next tick, not in a loop.
+TEST_F(ManualClockTest, CallbacksMayRearmThemselves) {
+  const unsigned long t0 = kport_jiffies();
   Probe* p = Make(1);
   p->rearm_times = 2;
   p->rearm_delay = 3;
-  const unsigned long t0 = kport_jiffies();
+  Probe* now = Make(2);
+  now->rearm_times = 100;
   kport_timer_add(&p->timer, t0 + 1);
-  clk::Advance(20);
-  EXPECT_EQ(g_fired, (Fired{{1, t0 + 1}, {1, t0 + 4}, {1, t0 + 7}}));
-}
-
-TEST_F(ManualClockTest, RearmForNowFiresAtTheNextTickNotInALoop) {
-  Probe* p = Make(1);
-  p->rearm_times = 100;
-  p->rearm_delay = 0;
-  const unsigned long t0 = kport_jiffies();
-  kport_timer_add(&p->timer, t0);  // already due
-  clk::Advance(3);
-  EXPECT_EQ(g_fired, (Fired{{1, t0 + 1}, {1, t0 + 2}, {1, t0 + 3}}));
-  EXPECT_EQ(kport_timer_del_sync(&p->timer), 1);
+  kport_timer_add(&now->timer, t0 + 1);
+  clk::Advance(7);
+  Fired mine, nows;
+  for (auto [id, at] : g_fired) (id == 1 ? mine : nows).emplace_back(id, at);
+  EXPECT_EQ(mine, (Fired{{1, t0 + 1}, {1, t0 + 4}, {1, t0 + 7}}));
+  EXPECT_EQ(nows.size(), 7u);
+  EXPECT_EQ(nows.back(), (std::pair<int, unsigned long>{2, t0 + 7}));
+  EXPECT_EQ(kport_timer_del_sync(&now->timer), 1);
 }
 
 TEST_F(ManualClockTest, ModAndDeleteReportWhetherPending) {

@@ -72,10 +72,9 @@ TEST_F(ProcTest, RegistryShowsPathsAndModes) {
   EXPECT_EQ(kport_proc_create("a/b", 0644, dir_, &kReadWrite), nullptr);
 }
 
-TEST_F(ProcTest, ReadsFollowThePosition) {
+TEST_F(ProcTest, ReadsFollowThePositionWritesHandOverTheBytesAndErrorsAreTheKernels) {
   const std::vector<uint8_t> all = vfs::ProcReadAll("/proc/kptest/rw", 3);
   EXPECT_EQ(std::string(all.begin(), all.end()), kText);
-
   char buf[4];
   int64_t pos = 7;
   EXPECT_EQ(vfs::ProcRead("/proc/kptest/rw", buf, sizeof(buf), &pos), 4);
@@ -84,20 +83,13 @@ TEST_F(ProcTest, ReadsFollowThePosition) {
   EXPECT_EQ(vfs::ProcRead("/proc/kptest/rw", buf, sizeof(buf), &pos), 0);
   pos = -1;
   EXPECT_EQ(vfs::ProcRead("/proc/kptest/rw", buf, sizeof(buf), &pos), -KPORT_EINVAL);
-}
-
-TEST_F(ProcTest, WriteHandsTheHandlerTheBytes) {
   EXPECT_EQ(vfs::ProcWriteAll("/proc/kptest/rw", {'o', 'n', '\n'}), 3);
   EXPECT_EQ(g_written, "on\n");
-}
 
-TEST_F(ProcTest, ReadAndWriteErrors) {
-  char buf[8];
-  int64_t pos = 0;
+  pos = 0;
   EXPECT_EQ(vfs::ProcRead("/proc/kptest/none", buf, sizeof(buf), &pos), -KPORT_ENOENT);
   EXPECT_EQ(vfs::ProcWrite("/proc/kptest/ro", "x", 1, &pos), -KPORT_EIO);
   EXPECT_LT(vfs::ProcRead("/proc/kptest", buf, sizeof(buf), &pos), 0) << "a directory";
-
   kport::user::fault::FailAlways(kport::user::fault::Site::kCopyToUser);
   EXPECT_EQ(vfs::ProcRead("/proc/kptest/rw", buf, sizeof(buf), &pos), -KPORT_EFAULT);
   EXPECT_EQ(pos, 0);
