@@ -32,35 +32,9 @@ constexpr char kIvoFile[] = "/proc/bypassDebug/ivo";
 using Counts = std::map<uint32_t, uint32_t>;
 
 // A multi-core packet: IPv4 UDP from 10.1.1.1:5246 to 10.1.1.2:5247.
-Bytes Plain(uint16_t cause) {
-  return PacketBuilder()
-      .prefix(1, 0, 21)
-      .bytes(CauseHead(cause))
-      .ethernet(Mac("00:11:22:33:44:55"), Mac("00:00:5e:00:01:02"))
-      .ipv4({.src = Ipv4Addr("10.1.1.1"), .dst = Ipv4Addr("10.1.1.2")})
-      .udp(5246, 5247)
-      .payload(20)
-      .build();
-}
-
-// An internal VP frame: outer MAC 0A:0B:0B:<vcpu>, the VP EtherType, the
-// first-fragment mark (0xAB marks one), then an inner IPv4 datagram
-// (fragment).
+Bytes Plain(uint16_t cause) { return CascadeUdp(cause, 5246, 5247); }
 Bytes Vp(uint16_t cause, uint8_t vcpu, uint8_t mark, bool mf, uint16_t off) {
-  PacketBuilder b;
-  b.prefix(1, 0, 21)
-      .bytes(CauseHead(cause))
-      .ethernet({0x0A, 0x0B, 0x0B, vcpu, 0, 0}, Mac("00:00:5e:00:01:09"))
-      .ether_type(kCascadeVpType)
-      .bytes({mark, 0})
-      .ethernet(Mac("00:11:22:33:44:55"), Mac("00:00:5e:00:01:02"))
-      .ipv4({.src = Ipv4Addr("10.9.9.1"),
-             .dst = Ipv4Addr("10.9.9.2"),
-             .protocol = 17,
-             .id = 0x5151,
-             .mf = mf,
-             .frag_offset = off});
-  return b.payload(24).build();
+  return CascadeVp(cause, vcpu, mark, mf, off);
 }
 constexpr uint8_t kFirst = 0xAB;
 
@@ -211,19 +185,7 @@ TEST_F(CascadeTest, VpFramesKeepAFragmentedDatagramTogether) {
 TEST_F(CascadeTest, TimngScanFragmentsGoToTheDefaultReceiverAheadOfTimngAndWlan) {
   WlanToTwelve();
   Timng(kCause, 3, 1);
-  auto frag = [](bool mf, uint16_t off) {
-    PacketBuilder b;
-    b.prefix(1, 0, 21)
-        .bytes(CauseHead(kCause))
-        .ethernet(Mac("00:11:22:33:44:55"), Mac("00:00:5e:00:01:02"))
-        .ipv4({.src = Ipv4Addr("10.1.1.1"),
-               .dst = Ipv4Addr("10.1.1.2"),
-               .protocol = 17,
-               .id = 9,
-               .mf = mf,
-               .frag_offset = off});
-    return b.payload(24).build();
-  };
+  auto frag = [](bool mf, uint16_t off) { return CascadeFragment(kCause, 9, mf, off); };
   EXPECT_EQ(SendAndWhere(frag(true, 0)), 0);
   EXPECT_EQ(SendAndWhere(frag(true, 3)), 0);
   EXPECT_EQ(SendAndWhere(frag(false, 6)), 0);

@@ -12,10 +12,24 @@
 namespace vane::test {
 namespace {
 
-constexpr u32 kBmpFrame = 0x7;    // MACs and EtherType
+// Results and the bits of the parsed-field map.
+enum : u32 {
+  kOk = 0,
+  kNotIp = 1,
+  kNotUdpTcp = 3,
+  kIpv4Short = 4,
+  kEsp = 5,
+  kOther = 6,
+  kErr = 100
+};
+constexpr u32 kBmpFrame = 0x7;  // MACs and EtherType
+constexpr u32 kBmpMacs = 0x3;
+constexpr u32 kBmpFrag = 0x8;
+constexpr u32 kBmpId = 0x20;
 constexpr u32 kBmpIpv4 = 0x13E0;  // addresses, id, ports, L4 offset
 constexpr u32 kBmpIpv6 = 0xC00;
 constexpr u32 kBmpL4 = 0x1300;
+enum : u8 { kWhole = 0, kFirst = 1, kMiddle = 2, kLast = 3 };
 
 struct Parsed {
   u32 rc;
@@ -47,8 +61,8 @@ TEST(ParserFrameTest, Ipv4UdpBehindAnOffset) {
       .udp(5246, 65534)
       .payload(10);
   const Parsed p = Parse(b.build(), 30);
-  ASSERT_EQ(p.rc, BYPASS_PARSE_OK);
-  EXPECT_EQ(p.info.ulBmpInfo, kBmpFrame | kBmpIpv4 | BYPASS_PKT_BMP_IPFRAG);
+  ASSERT_EQ(p.rc, kOk);
+  EXPECT_EQ(p.info.ulBmpInfo, kBmpFrame | kBmpIpv4 | kBmpFrag);
   EXPECT_EQ(0, std::memcmp(p.info.ucDstMac, Mac("0a:0b:0c:00:00:05").data(), 6));
   EXPECT_EQ(0, std::memcmp(p.info.ucSrcMac, Mac("00:00:03:00:06:00").data(), 6));
   EXPECT_EQ(p.info.usProtocolType, 0x0800);
@@ -59,7 +73,7 @@ TEST(ParserFrameTest, Ipv4UdpBehindAnOffset) {
   EXPECT_EQ(p.info.usDstPort, 65534);
   EXPECT_EQ(p.info.ulId, 0x1234u);
   EXPECT_EQ(p.info.ucIsUdpPkt, 1);
-  EXPECT_EQ(p.info.ucIpFrag, BYPASS_IPFRAG_NONE);
+  EXPECT_EQ(p.info.ucIpFrag, kWhole);
   EXPECT_EQ(p.info.ulOffSetUdpLen, b.offset_of(Layer::kUdp));  // from the packet, not the frame
 }
 
@@ -70,12 +84,12 @@ TEST(ParserFrameTest, VlanWalk) {
     u16 ether_type;
   };
   const Case cases[] = {
-      {{0x8100, 0x8100}, BYPASS_PARSE_OK, 0x0800},
-      {{0x9100, 0x8100}, BYPASS_PARSE_OK, 0x0800},
-      {{0x8100, 0x8100, 0x8100, 0x8100}, BYPASS_PARSE_OK, 0x0800},
+      {{0x8100, 0x8100}, kOk, 0x0800},
+      {{0x9100, 0x8100}, kOk, 0x0800},
+      {{0x8100, 0x8100, 0x8100, 0x8100}, kOk, 0x0800},
       // After four tags the fifth TPID is the EtherType.
-      {{0x8100, 0x8100, 0x8100, 0x8100, 0x8100}, BYPASS_PARSE_NOT_IP, 0x8100},
-      {{0x88A8}, BYPASS_PARSE_NOT_IP, 0x88A8},
+      {{0x8100, 0x8100, 0x8100, 0x8100, 0x8100}, kNotIp, 0x8100},
+      {{0x88A8}, kNotIp, 0x88A8},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(::testing::PrintToString(c.tpids));
@@ -85,7 +99,7 @@ TEST(ParserFrameTest, VlanWalk) {
     const Parsed p = Parse(b.build());
     EXPECT_EQ(p.rc, c.rc);
     EXPECT_EQ(p.info.usProtocolType, c.ether_type);
-    if (c.rc == BYPASS_PARSE_OK) {
+    if (c.rc == kOk) {
       EXPECT_EQ(p.info.ulOffSetUdpLen, b.offset_of(Layer::kUdp));
     }
   }
@@ -93,29 +107,29 @@ TEST(ParserFrameTest, VlanWalk) {
 
 TEST(ParserFrameTest, ShortFramesAndMissingArguments) {
   const Bytes arp = Eth().ether_type(0x0806).payload(28).build();
-  EXPECT_EQ(Parse(arp, 4, 28).rc, BYPASS_PARSE_NOT_IP);  // exactly offset + 24 passes
+  EXPECT_EQ(Parse(arp, 4, 28).rc, kNotIp);  // exactly offset + 24 passes
 
   Parsed p = Parse(arp, 4, 27);
-  EXPECT_EQ(p.rc, BYPASS_PARSE_ERR);
+  EXPECT_EQ(p.rc, kErr);
   EXPECT_EQ(p.info.ulBmpInfo, 0u);
   EXPECT_EQ(p.info.usDataLength, 0);
 
   // Three tags fill the 24 bytes; the next TPID-or-EtherType is not there.
   const Bytes tagged = Eth().vlan(1).vlan(2).vlan(3).ether_type(0x0800).build();
   p = Parse(tagged, 0, 24);
-  EXPECT_EQ(p.rc, BYPASS_PARSE_ERR);
-  EXPECT_EQ(p.info.ulBmpInfo, BYPASS_PKT_BMP_DMAC | BYPASS_PKT_BMP_SMAC);
+  EXPECT_EQ(p.rc, kErr);
+  EXPECT_EQ(p.info.ulBmpInfo, kBmpMacs);
 
   p = Parse(Eth().ether_type(0x0800).payload(19, 0x45).build());
-  EXPECT_EQ(p.rc, BYPASS_PARSE_ERR);  // IPv4 header cut short
+  EXPECT_EQ(p.rc, kErr);  // IPv4 header cut short
   EXPECT_EQ(p.info.ulBmpInfo, kBmpFrame);
 
   BYPASS_PKT_INFO_S info{};
   u8 byte = 0;
-  EXPECT_EQ(bypass_parse_pkt_multicore(nullptr, 64, &info, 0), BYPASS_PARSE_ERR);
-  EXPECT_EQ(bypass_parse_pkt_multicore(&byte, 1, nullptr, 0), BYPASS_PARSE_ERR);
-  EXPECT_EQ(bypass_parse_pkt_ipv4(nullptr, 64, &info, 0), BYPASS_PARSE_ERR);
-  EXPECT_EQ(bypass_parse_pkt_ipv6(nullptr, 64, &info, 0), BYPASS_PARSE_ERR);
+  EXPECT_EQ(bypass_parse_pkt_multicore(nullptr, 64, &info, 0), kErr);
+  EXPECT_EQ(bypass_parse_pkt_multicore(&byte, 1, nullptr, 0), kErr);
+  EXPECT_EQ(bypass_parse_pkt_ipv4(nullptr, 64, &info, 0), kErr);
+  EXPECT_EQ(bypass_parse_pkt_ipv6(nullptr, 64, &info, 0), kErr);
 }
 
 TEST(ParserIpv4Test, FragmentPosition) {
@@ -125,18 +139,17 @@ TEST(ParserIpv4Test, FragmentPosition) {
     u8 want;
   };
   for (const Case c :
-       {Case{false, false, 0, BYPASS_IPFRAG_NONE}, Case{true, false, 0, 0},
-        Case{false, true, 0, BYPASS_IPFRAG_FIRST}, Case{false, true, 185, BYPASS_IPFRAG_MIDDLE},
-        Case{false, false, 185, BYPASS_IPFRAG_LAST}}) {
+       {Case{false, false, 0, kWhole}, Case{true, false, 0, 0}, Case{false, true, 0, kFirst},
+        Case{false, true, 185, kMiddle}, Case{false, false, 185, kLast}}) {
     SCOPED_TRACE(::testing::Message() << c.df << c.mf << " " << c.offset);
     Ipv4Options o = V4();
     o.df = c.df;
     o.mf = c.mf;
     o.frag_offset = c.offset;
     const Parsed p = Parse(Eth().ipv4(o).tcp(80, 8080).build());
-    EXPECT_EQ(p.rc, BYPASS_PARSE_OK);
+    EXPECT_EQ(p.rc, kOk);
     EXPECT_EQ(p.info.ucIpFrag, c.want);
-    EXPECT_NE(p.info.ulBmpInfo & BYPASS_PKT_BMP_IPFRAG, 0u);
+    EXPECT_NE(p.info.ulBmpInfo & kBmpFrag, 0u);
     EXPECT_EQ(p.info.ucIsUdpPkt, 0);  // TCP
     EXPECT_EQ(p.info.usDstPort, 8080);
   }
@@ -147,14 +160,14 @@ TEST(ParserIpv4Test, HeaderLengthAndProtocol) {
   o.options = Bytes(4, 1);  // IHL 6: the ports move 4 bytes further
   PacketBuilder b = Eth().ipv4(o).udp(67, 68);
   Parsed p = Parse(b.build());
-  EXPECT_EQ(p.rc, BYPASS_PARSE_OK);
+  EXPECT_EQ(p.rc, kOk);
   EXPECT_EQ(p.info.ulOffSetUdpLen, b.offset_of(Layer::kUdp));
   EXPECT_EQ(p.info.usSrcPort, 67);
 
   o = V4();
   o.protocol = 1;
   p = Parse(Eth().ipv4(o).icmp(8, 0).build());
-  EXPECT_EQ(p.rc, BYPASS_PARSE_NOT_UDP_TCP);
+  EXPECT_EQ(p.rc, kNotUdpTcp);
   EXPECT_EQ(p.info.ulBmpInfo, kBmpFrame);
 
   // IHL 15 claims 60 bytes; the ports need 4 more.
@@ -162,10 +175,10 @@ TEST(ParserIpv4Test, HeaderLengthAndProtocol) {
   o.options = Bytes(40, 1);
   const Bytes full = Eth().ipv4(o).udp(1, 2).build();
   p = Parse(full, 0, 14 + 60 + 3);
-  EXPECT_EQ(p.rc, BYPASS_PARSE_IPV4_SHORT);
+  EXPECT_EQ(p.rc, kIpv4Short);
   EXPECT_EQ(p.info.ulBmpInfo, kBmpFrame);
   p = Parse(full, 0, 14 + 60 + 4);
-  EXPECT_EQ(p.rc, BYPASS_PARSE_OK);
+  EXPECT_EQ(p.rc, kOk);
   EXPECT_EQ(p.info.usDstPort, 2);
 }
 
@@ -183,13 +196,13 @@ TEST(ParserIpv6Test, UdpThroughExtensionHeaders) {
     SCOPED_TRACE(c.name);
     c.b.udp(546, 547).payload(4);
     const Parsed p = Parse(c.b.build());
-    EXPECT_EQ(p.rc, BYPASS_PARSE_OK);
-    EXPECT_EQ(p.info.ulBmpInfo, kBmpFrame | kBmpIpv6 | kBmpL4 | BYPASS_PKT_BMP_IPFRAG);
+    EXPECT_EQ(p.rc, kOk);
+    EXPECT_EQ(p.info.ulBmpInfo, kBmpFrame | kBmpIpv6 | kBmpL4 | kBmpFrag);
     EXPECT_EQ(p.info.ulOffSetUdpLen, c.b.offset_of(Layer::kUdp));
     EXPECT_EQ(p.info.usSrcPort, 546);
     EXPECT_EQ(p.info.usDstPort, 547);
     EXPECT_EQ(p.info.ucIsUdpPkt, 0);
-    EXPECT_EQ(p.info.ucIpFrag, BYPASS_IPFRAG_NONE);
+    EXPECT_EQ(p.info.ucIpFrag, kWhole);
     EXPECT_EQ(0, std::memcmp(p.info.ip6_stSrcAddr, Ipv6Addr("1501::2").data(), 16));
     EXPECT_EQ(0, std::memcmp(p.info.ip6_stDstAddr, Ipv6Addr("1501::1").data(), 16));
   }
@@ -202,8 +215,7 @@ TEST(ParserIpv6Test, FragmentHeader) {
     bool more;
     u8 want;
   };
-  for (const Case c : {Case{0, true, BYPASS_IPFRAG_FIRST}, Case{185, true, BYPASS_IPFRAG_MIDDLE},
-                       Case{185, false, BYPASS_IPFRAG_LAST}}) {
+  for (const Case c : {Case{0, true, kFirst}, Case{185, true, kMiddle}, Case{185, false, kLast}}) {
     SCOPED_TRACE(::testing::Message() << c.offset << (c.more ? " M" : ""));
     const Parsed p =
         Parse(Eth()
@@ -212,10 +224,10 @@ TEST(ParserIpv6Test, FragmentHeader) {
                   .ipv6_fragment({.frag_offset = c.offset, .more = c.more, .id = 0xA1B2C3D4})
                   .udp(1, 2)
                   .build());
-    EXPECT_EQ(p.rc, BYPASS_PARSE_OK);
+    EXPECT_EQ(p.rc, kOk);
     EXPECT_EQ(p.info.ucIpFrag, c.want);  // the later header wins
     EXPECT_EQ(p.info.ulId, 0xA1B2C3D4u);
-    EXPECT_NE(p.info.ulBmpInfo & BYPASS_PKT_BMP_ID, 0u);
+    EXPECT_NE(p.info.ulBmpInfo & kBmpId, 0u);
   }
 }
 
@@ -224,15 +236,14 @@ TEST(ParserIpv6Test, OtherNextHeadersStopWithoutFragmentPosition) {
     uint8_t nh;
     u32 rc;
   };
-  for (const Case c : {Case{6, BYPASS_PARSE_IPV6_OTHER}, Case{58, BYPASS_PARSE_IPV6_OTHER},
-                       Case{50, BYPASS_PARSE_IPV6_ESP}}) {
+  for (const Case c : {Case{6, kOther}, Case{58, kOther}, Case{50, kEsp}}) {
     SCOPED_TRACE(c.nh);
     Ipv6Options o = V6();
     o.next_header = c.nh;
     const Parsed p = Parse(
         Eth().ipv6(V6()).ipv6_fragment({.more = true, .next_header = c.nh}).payload(20).build());
     EXPECT_EQ(p.rc, c.rc);
-    EXPECT_EQ(p.info.ulBmpInfo, kBmpFrame | kBmpIpv6 | BYPASS_PKT_BMP_ID);
+    EXPECT_EQ(p.info.ulBmpInfo, kBmpFrame | kBmpIpv6 | kBmpId);
     EXPECT_EQ(Parse(Eth().ipv6(o).payload(20).build()).rc, c.rc);
   }
 }
@@ -245,30 +256,30 @@ TEST(ParserIpv6Test, DataEndingInsideTheChain) {
   for (size_t len = 24; len < udp + 4; ++len) {
     SCOPED_TRACE(len);
     const Parsed p = Parse(pkt, 0, len);
-    EXPECT_EQ(p.rc, BYPASS_PARSE_ERR);
+    EXPECT_EQ(p.rc, kErr);
     if (len < frag) {
       EXPECT_EQ(p.info.ulBmpInfo, kBmpFrame);  // addresses need the whole header
     } else if (len < hbh) {
-      EXPECT_EQ(p.info.ulBmpInfo, kBmpFrame | kBmpIpv6 | BYPASS_PKT_BMP_IPFRAG);
-      EXPECT_EQ(p.info.ucIpFrag, BYPASS_IPFRAG_NONE);
+      EXPECT_EQ(p.info.ulBmpInfo, kBmpFrame | kBmpIpv6 | kBmpFrag);
+      EXPECT_EQ(p.info.ucIpFrag, kWhole);
     } else {
-      EXPECT_EQ(p.info.ulBmpInfo, kBmpFrame | kBmpIpv6 | BYPASS_PKT_BMP_ID | BYPASS_PKT_BMP_IPFRAG);
-      EXPECT_EQ(p.info.ucIpFrag, BYPASS_IPFRAG_FIRST);
+      EXPECT_EQ(p.info.ulBmpInfo, kBmpFrame | kBmpIpv6 | kBmpId | kBmpFrag);
+      EXPECT_EQ(p.info.ucIpFrag, kFirst);
     }
   }
-  EXPECT_EQ(Parse(pkt, 0, udp + 4).rc, BYPASS_PARSE_OK);
+  EXPECT_EQ(Parse(pkt, 0, udp + 4).rc, kOk);
 
   // Even a header we would not parse is an error when it would start at the end.
   Ipv6Options o = V6();
   o.next_header = 6;
-  EXPECT_EQ(Parse(Eth().ipv6(o).build()).rc, BYPASS_PARSE_ERR);
+  EXPECT_EQ(Parse(Eth().ipv6(o).build()).rc, kErr);
 }
 
 TEST(ParserMiscTest, DhcpFlag) {
-  EXPECT_EQ(bypass_getDhcpFlag(67, 68), BYPASS_DHCP_V4);
-  EXPECT_EQ(bypass_getDhcpFlag(68, 67), BYPASS_DHCP_NONE);
-  EXPECT_EQ(bypass_getDhcpFlag(547, 546), BYPASS_DHCP_V6);
-  EXPECT_EQ(bypass_getDhcpFlag(546, 547), BYPASS_DHCP_NONE);
+  EXPECT_EQ(bypass_getDhcpFlag(67, 68), 1u);
+  EXPECT_EQ(bypass_getDhcpFlag(68, 67), 3u);
+  EXPECT_EQ(bypass_getDhcpFlag(547, 546), 2u);
+  EXPECT_EQ(bypass_getDhcpFlag(546, 547), 3u);
 }
 
 class FirstFragMarkTest : public ::testing::Test {
@@ -278,10 +289,10 @@ class FirstFragMarkTest : public ::testing::Test {
 
 TEST_F(FirstFragMarkTest, ReadsTheMarkOnlyInsideThePacket) {
   std::unique_ptr<u8[]> pkt(new u8[64]());
-  pkt[50] = BYPASS_FIRST_FRAG_MARK;
+  pkt[50] = 0xABu;
   pkt[63] = 7;
   bypass_pkt_offset.ulFirstFragFlagOffset = 20;
-  EXPECT_EQ(bypass_proc_check_is_first_ipfrag(pkt.get(), 64, 30), BYPASS_FIRST_FRAG_MARK);
+  EXPECT_EQ(bypass_proc_check_is_first_ipfrag(pkt.get(), 64, 30), 0xABu);
   EXPECT_EQ(bypass_proc_check_is_first_ipfrag(pkt.get(), 64, 43), 7u);
   EXPECT_EQ(bypass_proc_check_is_first_ipfrag(pkt.get(), 64, 44), 0u);
   EXPECT_EQ(bypass_proc_check_is_first_ipfrag(nullptr, 64, 30), 100u);

@@ -23,6 +23,8 @@ namespace {
 constexpr uint16_t kCause = 0x1ABC;  // 13 bits
 constexpr uint32_t kHead = 24;       // bytes before the Ethernet header
 constexpr uint32_t kMcEth = 20;
+// The LB types a cause ID can have.
+enum : uint32_t { kCapwapLb = 1, kKa = 2, kMacLb = 3, kPortLb = 4 };
 
 // Bytes before the Ethernet header: the cause ID in the upper 13 bits of
 // bytes 18-19.
@@ -60,7 +62,7 @@ class PipelineTest : public ModuleTest {
     cfg_.ulIsNoHgHdr = 1;
     Apply();
     wlan_.cause_id = kCause;
-    wlan_.lb_type = LB_CAPWAP;
+    wlan_.lb_type = kCapwapLb;
     wlan_.pkt_type = 5;
     wlan_.vcpu = 9;
   }
@@ -75,7 +77,7 @@ class PipelineTest : public ModuleTest {
     bypass_msg_getVCpuId(buf.data(), static_cast<uint32_t>(buf.size()), &r.count, r.list);
     return r;
   }
-  static uint32_t WlanCounter(uint32_t v, uint32_t t) { return Counters()[WlanCounterIndex(v, t)]; }
+  static uint32_t WlanCounter(uint32_t v, uint32_t t) { return Counters()[192 + 12 * v + t]; }
 
   BYPASS_PKT_OFFSET_S cfg_{};
   WlanStandIn wlan_;
@@ -90,18 +92,18 @@ TEST_F(PipelineTest, CauseIdIsTheUpperThirteenBitsAndShortPacketsWriteNothing) {
   u64 pkt_type = 1;
   bypass_msg_get_causeid(pkt.data(), static_cast<uint32_t>(pkt.size()), &cause, &type, &pkt_type);
   EXPECT_EQ(cause, kCause);
-  EXPECT_EQ(type, LB_CAPWAP);
+  EXPECT_EQ(type, kCapwapLb);
   EXPECT_EQ(pkt_type, 5u);
 
   // Without the stand-in a cause ID is not load-balanced.
   wlan_.cause_id = 1;
   bypass_msg_get_causeid(pkt.data(), static_cast<uint32_t>(pkt.size()), &cause, &type, &pkt_type);
-  EXPECT_EQ(type, WLAN_LB_TYPE_NONE);
-  EXPECT_EQ(pkt_type, WLAN_LB_PKT_TYPE_NONE);
+  EXPECT_EQ(type, 7u);
+  EXPECT_EQ(pkt_type, 12u);
 
   // Shorter than ulMacOffset + 24, or too short for the cause-ID bytes at
   // their own offset: nothing written, one level-1 line each.
-  SetDebugLevel(BYPASS_DEBUG_LEVEL_ERR);
+  SetDebugLevel(1);
   cause = 7;
   bypass_msg_get_causeid(pkt.data(), kHead + 23, &cause, &type, &pkt_type);
   cfg_.ulMacOffset = 0;
@@ -136,8 +138,8 @@ TEST_F(PipelineTest, TheFiveTupleKeyAndItsMissingArguments) {
   BYPASS_PKT_INFO_S info{};
   WLAN_LB_FIVE_TUPLE_S key{};
   uint32_t count = 7;
-  EXPECT_EQ(bypass_getvcpu_by_Five(nullptr, &key, LB_CAPWAP, &count, r.list), 0);
-  EXPECT_EQ(bypass_getvcpu_by_Five(&info, &key, LB_CAPWAP, &count, nullptr), 0);
+  EXPECT_EQ(bypass_getvcpu_by_Five(nullptr, &key, kCapwapLb, &count, r.list), 0);
+  EXPECT_EQ(bypass_getvcpu_by_Five(&info, &key, kCapwapLb, &count, nullptr), 0);
   EXPECT_EQ(count, 7u);
 }
 
@@ -153,11 +155,11 @@ TEST_F(PipelineTest, SessionIdOfAKeepAliveAndEveryWayToRefuseIt) {
   EXPECT_EQ(bypass_getSessionId(nullptr, 12, pkt.data(), len), 100u);
   EXPECT_EQ(bypass_getSessionId(sid, 12, nullptr, len), 100u);
 
-  SetDebugLevel(BYPASS_DEBUG_LEVEL_ERR);
+  SetDebugLevel(1);
   auto refuse = [&](Bytes capwap, uint32_t cut, const std::string& text) {
     Bytes p(20, 0);
     p.insert(p.end(), capwap.begin(), capwap.end());
-    SetDebugLevel(BYPASS_DEBUG_LEVEL_ERR);
+    SetDebugLevel(1);
     EXPECT_EQ(bypass_getSessionId(sid, 12, p.data(), static_cast<uint32_t>(p.size()) - cut), 100u);
     EXPECT_EQ(DebugText(), text);
   };
@@ -173,7 +175,7 @@ TEST_F(PipelineTest, SessionIdOfAKeepAliveAndEveryWayToRefuseIt) {
 }
 
 TEST_F(PipelineTest, KeepAliveDispatchUsesTheSessionIdKey) {
-  wlan_.lb_type = LB_CAPWAP_KA;
+  wlan_.lb_type = kKa;
   Bytes pkt = Mc().ipv4(V4()).udp(5247, 5247).payload(KeepAlivePayload()).build();
   Result r = Dispatch(pkt);
   EXPECT_EQ(r.count, 1u);
@@ -181,28 +183,28 @@ TEST_F(PipelineTest, KeepAliveDispatchUsesTheSessionIdKey) {
   EXPECT_EQ(wlan_.session.ulSessionID[1], 0x05060708u);
   EXPECT_EQ(wlan_.session.causeid, kCause);
 
-  SetDebugLevel(BYPASS_DEBUG_LEVEL_ERR);
+  SetDebugLevel(1);
   Bytes bad = Mc().ipv4(V4()).udp(5247, 5247).payload(KeepAlivePayload(0x88)).build();
   EXPECT_EQ(Dispatch(bad).count, 0u);
   EXPECT_EQ(DebugText(), "\r\nLB_CAPWAP_KA return,ret=100, get sessiondid err.");
-  SetDebugLevel(BYPASS_DEBUG_LEVEL_ERR);
+  SetDebugLevel(1);
   Bytes arp = Mc().ether_type(0x0806).payload(40).build();
   EXPECT_EQ(Dispatch(arp).count, 0u);
   EXPECT_EQ(DebugText(), "\r\nLB_CAPWAP_KA return 1.");
 }
 
 TEST_F(PipelineTest, AccessAndPortKeysAndTheirRefusals) {
-  wlan_.lb_type = LB_AAA_MAC;
+  wlan_.lb_type = kMacLb;
   Bytes dhcp = Mc().ipv4(V4()).udp(68, 67).payload(10).build();
   Result r = Dispatch(dhcp);
   EXPECT_EQ(r.list[0], 9);
   EXPECT_EQ(wlan_.access.smac[5], 0x02);
-  EXPECT_EQ(wlan_.access.dhcpFlag, BYPASS_DHCP_V4);
+  EXPECT_EQ(wlan_.access.dhcpFlag, 1);
   EXPECT_EQ(wlan_.access.ulUdpPktLen, 18u);
   ASSERT_NE(wlan_.access.pucUdpPkt, nullptr);
   EXPECT_EQ(wlan_.access.pucUdpPkt[1], 68);
 
-  wlan_.lb_type = LB_AAA_PORT;
+  wlan_.lb_type = kPortLb;
   wlan_.port_vcpus = {4, 5, 6};
   Bytes tcp = Mc().ipv4(V4()).tcp(1812, 3799).build();
   r = Dispatch(tcp);
@@ -219,10 +221,10 @@ TEST_F(PipelineTest, AccessAndPortKeysAndTheirRefusals) {
   EXPECT_EQ(Counters()[0], 1u);
 
   // Port and CAPWAP lookups need the ports (and CAPWAP the IPv4 addresses).
-  SetDebugLevel(BYPASS_DEBUG_LEVEL_ERR);
+  SetDebugLevel(1);
   Bytes icmp = Mc().ipv4(V4()).icmp(8, 0).build();
   EXPECT_EQ(Dispatch(icmp).count, 0u);
-  wlan_.lb_type = LB_CAPWAP;
+  wlan_.lb_type = kCapwapLb;
   Bytes v6 = Mc().ipv6({}).udp(1, 2).build();
   EXPECT_EQ(Dispatch(v6).count, 0u);
   EXPECT_EQ(DebugText(),
@@ -284,7 +286,7 @@ TEST_F(PipelineTest, ShortPacketsFailEachTestWithoutReadingPastTheirEnd) {
   // Every length of a full frame, cut short, into a buffer of exactly that
   // size (ASan catches a read past it).
   const Bytes full = Mc().ipv4(V4()).udp(5247, 5247).payload(KeepAlivePayload()).build();
-  for (auto type : {LB_CAPWAP, LB_CAPWAP_KA, LB_AAA_MAC, LB_AAA_PORT}) {
+  for (auto type : {kCapwapLb, kKa, kMacLb, kPortLb}) {
     wlan_.lb_type = type;
     for (size_t len = 0; len <= full.size() - 12; ++len) {
       Bytes pkt(full.begin() + 12, full.begin() + 12 + static_cast<long>(len));

@@ -9,6 +9,7 @@
 #include "kport/errno.h"
 #include "kport/mem.h"
 #include "kport/netlink.h"
+#include "kport/percpu.h"
 #include "kport/procfs.h"
 #include "kport/sysfs.h"
 #include "kport/uaccess.h"
@@ -64,9 +65,10 @@ TEST_F(FaultTest, AlwaysCoversEveryKindOfAllocationAndLiveObjectsAreCounted) {
   EXPECT_EQ(kport_netlink_kernel_create(31, nullptr), nullptr);
   EXPECT_EQ(kport_proc_mkdir("kpfault", nullptr), nullptr);
   EXPECT_EQ(kport_class_create("kpfault"), nullptr);
+  EXPECT_EQ(kport_percpu_alloc(64), nullptr);
   kport_device_attr attr = {"a", 0444, nullptr, nullptr, {}};
-  EXPECT_EQ(kport_device_create_file(dev, &attr), -KPORT_ENOMEM);
-  EXPECT_EQ(fault::Injected(Site::kAlloc), 7u);
+  EXPECT_EQ(kport_device_create_file(dev, &attr), -12);
+  EXPECT_EQ(fault::Injected(Site::kAlloc), 8u);
   fault::Clear(Site::kAlloc);
   EXPECT_EQ(LiveAllocations(), before + 6);
 

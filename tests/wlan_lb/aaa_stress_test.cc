@@ -106,12 +106,12 @@ void Reader(const std::atomic<bool>& stop, std::atomic<u64>& faults, std::atomic
     WLAN_LB_ACCESS_INFO_S access{};
     access.smac[5] = static_cast<u8>(i);
     u64 vcpu = 0;
-    if (WLAN_LB_GetAAAAccessVcpuID(&access, &vcpu) == WLAN_LB_OK) check(vcpu != 0);
+    if (WLAN_LB_GetAAAAccessVcpuID(&access, &vcpu) == 0u) check(vcpu != 0);
 
     u32 lb = 0;
     u64 pkt = 0;
     u16 cause = static_cast<u16>(i % 8192);
-    if (WLAN_LB_IsNeedLBPkt(cause, &lb, &pkt) == WLAN_LB_OK) {
+    if (WLAN_LB_IsNeedLBPkt(cause, &lb, &pkt) == 0u) {
       check(lb == LbTypeOf(cause) && pkt == PktTypeOf(cause));
     } else {
       check(lb == WLAN_LB_TYPE_NONE && pkt == WLAN_LB_PKT_TYPE_NONE);

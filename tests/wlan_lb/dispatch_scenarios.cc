@@ -32,34 +32,11 @@ enum Cause : uint16_t { kCapwap = 300, kKeepAlive = 301, kMac = 302, kPort = 303
 enum PktType : uint32_t { kCapwapType = 4, kKaType = 5, kMacType = 6, kPortType = 7 };
 const uint32_t kSession[4] = {0x01020304, 0x05060708, 0x090A0B0C, 0x0D0E0F10};
 
-PacketBuilder Head(uint16_t cause) {
-  PacketBuilder b;
-  b.prefix(1, 0, 21)
-      .bytes(CauseHead(cause))
-      .ethernet(Mac("00:11:22:33:44:55"), Mac("00:00:5e:00:01:02"));
-  return b;
-}
-
 Bytes Udp(uint16_t cause, uint16_t sport, uint16_t dport, const Bytes& payload = Bytes(20, 0),
           uint32_t src = Ipv4Addr("10.1.1.1")) {
-  return Head(cause)
-      .ipv4({.src = src, .dst = Ipv4Addr("10.1.1.2")})
-      .udp(sport, dport)
-      .payload(payload)
-      .build();
+  return CascadeUdp(cause, sport, dport, payload, src);
 }
-
-Bytes Fragment(uint16_t id, bool mf, uint16_t off) {
-  PacketBuilder b = Head(kCapwap);
-  b.ipv4({.src = Ipv4Addr("10.1.1.1"),
-          .dst = Ipv4Addr("10.1.1.2"),
-          .protocol = off != 0 ? std::optional<uint8_t>(17) : std::nullopt,
-          .id = id,
-          .mf = mf,
-          .frag_offset = off});
-  if (off == 0) b.udp(5246, 5247);
-  return b.payload(24).build();
-}
+Bytes Fragment(uint16_t id, bool mf, uint16_t off) { return CascadeFragment(kCapwap, id, mf, off); }
 
 CapwapEntry Flow(uint32_t process) {
   return {Ipv4Addr("10.1.1.1"), Ipv4Addr("10.1.1.2"), 5246, 5247, 0, process};

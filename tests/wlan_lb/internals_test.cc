@@ -146,7 +146,7 @@ TEST(WlanViewsLifecycleTest, TheModuleLoadsWhenItsViewsCannotBeCreated) {
     ASSERT_EQ(vane_entry_init(), 0);
     fault::ClearAll();
     EXPECT_FALSE(AnyViewLeft());
-    EXPECT_TRUE(klog::Contains(KPORT_LOGLEVEL_ALERT, kMessages[step]));
+    EXPECT_TRUE(klog::Contains(1, kMessages[step]));
     EXPECT_EQ(klog::Lines().size(), 1u);
     {
       Worker w;
@@ -164,7 +164,7 @@ TEST(WlanViewsLifecycleTest, TheModuleLoadsWhenItsViewsCannotBeCreated) {
   ASSERT_NE(other, nullptr);
   klog::Clear();
   ASSERT_EQ(vane_entry_init(), 0);
-  EXPECT_TRUE(klog::Contains(KPORT_LOGLEVEL_ALERT, "Failed to create wlan lb class.\n"));
+  EXPECT_TRUE(klog::Contains(1, "Failed to create wlan lb class.\n"));
   EXPECT_FALSE(vfs::Exists("/proc/wlan_lb"));
   vane_entry_exit();
   EXPECT_TRUE(vfs::Exists("/sys/class/wlan_lb"));
