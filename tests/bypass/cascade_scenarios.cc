@@ -10,7 +10,7 @@
 #include <atomic>
 #include <cstring>
 #include <map>
-#include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -31,16 +31,10 @@ constexpr uint32_t kVp = 64;  // the VP counters
 constexpr char kIvoFile[] = "/proc/bypassDebug/ivo";
 using Counts = std::map<uint32_t, uint32_t>;
 
-// A multi-core packet: IPv4 UDP from 10.1.1.1:5246 to 10.1.1.2:5247.
+// A multi-core packet of the cause ID: IPv4 UDP 10.1.1.1:5246 to 10.1.1.2:5247.
 Bytes Plain(uint16_t cause) { return CascadeUdp(cause, 5246, 5247); }
-Bytes Vp(uint16_t cause, uint8_t vcpu, uint8_t mark, bool mf, uint16_t off) {
-  return CascadeVp(cause, vcpu, mark, mf, off);
-}
+constexpr auto Vp = CascadeVp;
 constexpr uint8_t kFirst = 0xAB;
-
-Bytes Cut(const Bytes& b, size_t len) {
-  return Bytes(b.begin(), b.begin() + static_cast<long>(len));
-}
 constexpr uint8_t kLater = 61;  // the vCPU byte the sender leaves to us
 
 BYPASS_LB_TABLE_S Table(uint32_t type, uint32_t vcpu, std::vector<uint16_t> causes, uint16_t lo = 0,
@@ -68,43 +62,27 @@ class CascadeTest : public ModuleTest {
  protected:
   void SetUp() override {
     ModuleTest::SetUp();
-    ctl_ = std::make_unique<Worker>();
-    ASSERT_EQ(ctl_->Register(kNormal, 0), 0);
-    for (uint32_t v : {1u, 2u, 3u, 5u, 7u, 9u, 12u}) {
-      workers_[v] = std::make_unique<Worker>();
-      ASSERT_EQ(workers_[v]->Register(kNormal, v), 0);
-    }
-    ASSERT_EQ(ctl_->Configure(CascadeConfig()), 0);
+    rx_.emplace(std::initializer_list<uint32_t>{0, 1, 2, 3, 5, 7, 9, 12});
+    ASSERT_EQ(rx_->operator[](0).Configure(CascadeConfig()), 0);
   }
   void TearDown() override {
-    workers_.clear();
-    ctl_.reset();
+    rx_.reset();
     ModuleTest::TearDown();
   }
-
-  // Sends the packet and returns the vCPU whose worker got it (0: the
-  // default receiver, -1: nobody), checking that only one worker got it.
-  int SendAndWhere(const Bytes& buf) {
-    env().Deliver(1, buf);
-    int where = -1;
-    auto take = [&](Worker& w, int v) {
-      while (auto d = w.Next()) {
-        last_ = d->data;
-        EXPECT_EQ(where, -1) << "delivered twice";
-        where = v;
-      }
-    };
-    take(*ctl_, 0);
-    for (auto& [v, w] : workers_) take(*w, static_cast<int>(v));
-    return where;
+  // The one vCPU whose worker got the packet (0: the default receiver), or
+  // -1.
+  int Where(const Bytes& buf) {
+    const std::vector<uint32_t> got = rx_->Deliver(buf);
+    return got.size() == 1 ? static_cast<int>(got[0]) : -1;
   }
-  void Lb(const Bytes& msg) { ASSERT_EQ(ctl_->Control(10, msg), 0); }
+  Worker& ctl() { return (*rx_)[0]; }
+  void Lb(const Bytes& msg) { ASSERT_EQ(ctl().Control(10, msg), 0); }
   int Steering(const BYPASS_LB_TABLE_S& t, size_t len = 60) {
-    return ctl_->Control(11, RecordBytes(t, len)).value_or(-9999);
+    return ctl().Control(11, RecordBytes(t, len)).value_or(-9999);
   }
   void Timng(uint32_t cause, uint32_t node, uint32_t scan = 0) {
     const uint32_t m[4] = {cause, node, 1, scan};
-    ASSERT_EQ(ctl_->Control(14, RecordBytes(m)), 0);
+    ASSERT_EQ(ctl().Control(14, RecordBytes(m)), 0);
   }
   // Cause ID 300 is CAPWAP, and the test's flow goes to vCPU 12.
   void WlanToTwelve() {
@@ -113,28 +91,26 @@ class CascadeTest : public ModuleTest {
     Lb(BoardTypeMsg(3));
   }
 
-  std::unique_ptr<Worker> ctl_;
-  std::map<uint32_t, std::unique_ptr<Worker>> workers_;
-  Bytes last_;
+  std::optional<Receivers> rx_;
 };
 
 TEST_F(CascadeTest, EachDeciderAloneAndTheCountersItRaises) {
   WlanToTwelve();
   // Nothing decides: the default receiver, counter 0.
-  EXPECT_EQ(SendAndWhere(Plain(1)), 0);
+  EXPECT_EQ(Where(Plain(1)), 0);
   EXPECT_EQ(NonZeroCounters(), (Counts{{0, 1}}));
   // WLAN: the table's vCPU, its per-type counter, and the packet-type stamp
   // in the byte before the Ethernet header of what the worker receives.
-  EXPECT_EQ(SendAndWhere(Plain(kCause)), 12);
-  EXPECT_EQ(last_[kStamp], 4);
+  EXPECT_EQ(Where(Plain(kCause)), 12);
+  EXPECT_EQ(rx_->last()[kStamp], 4);
   EXPECT_EQ(NonZeroCounters(), (Counts{{0, 1}, {12, 1}, {192 + 12 * 12 + 4, 1}}));
   // Steering table and TIMNG: counted once in the path and once when
   // counted.
   ASSERT_EQ(Steering(Table(0, 9, {77})), 0);
-  EXPECT_EQ(SendAndWhere(Plain(77)), 9);
+  EXPECT_EQ(Where(Plain(77)), 9);
   EXPECT_EQ(Counters()[9], 2u);
   Timng(88, 3);
-  EXPECT_EQ(SendAndWhere(Plain(88)), 3);
+  EXPECT_EQ(Where(Plain(88)), 3);
   EXPECT_EQ(Counters()[3], 2u);
 }
 
@@ -143,55 +119,59 @@ TEST_F(CascadeTest, InternalFramesBeatSteeringTablesWhichBeatTimngWhichBeatsWlan
   ASSERT_EQ(Steering(Table(0, 9, {kCause})), 0);
   Timng(kCause, 3);
   // An internal frame names its vCPU whatever its cause ID says.
-  EXPECT_EQ(SendAndWhere(Vp(kCause, 7, 0, false, 0)), 7);
+  EXPECT_EQ(Where(Vp(kCause, 7, 0, false, 0)), 7);
   EXPECT_EQ(NonZeroCounters(), (Counts{{kVp + 7, 1}, {7, 1}}));
   // The ivo table beats TIMNG for the same cause ID ...
-  EXPECT_EQ(SendAndWhere(Plain(kCause)), 9);
+  EXPECT_EQ(Where(Plain(kCause)), 9);
   // ... and, switched off, TIMNG beats the WLAN step: no stamp, no WLAN count.
   BYPASS_LB_TABLE_S off = Table(0, 9, {kCause});
   off.ulEnable = 0;
   ASSERT_EQ(Steering(off), 0);
-  EXPECT_EQ(SendAndWhere(Plain(kCause)), 3);
-  EXPECT_EQ(last_[kStamp], 0);
+  EXPECT_EQ(Where(Plain(kCause)), 3);
+  EXPECT_EQ(rx_->last()[kStamp], 0);
   EXPECT_EQ(NonZeroCounters(), (Counts{{kVp + 7, 1}, {7, 1}, {9, 2}, {3, 2}}));
 }
 
 TEST_F(CascadeTest, VpFramesKeepAFragmentedDatagramTogether) {
-  EXPECT_EQ(SendAndWhere(Vp(1, 12, kFirst, true, 0)), 12);
-  EXPECT_EQ(SendAndWhere(Vp(1, kLater, 0, true, 3)), 12);
-  EXPECT_EQ(SendAndWhere(Vp(1, kLater, 0, true, 6)), 12);
-  EXPECT_EQ(SendAndWhere(Vp(1, kLater, 0, false, 9)), 12);
+  EXPECT_EQ(Where(Vp(1, 12, kFirst, true, 0)), 12);
+  EXPECT_EQ(Where(Vp(1, kLater, 0, true, 3)), 12);
+  EXPECT_EQ(Where(Vp(1, kLater, 0, true, 6)), 12);
+  EXPECT_EQ(Where(Vp(1, kLater, 0, false, 9)), 12);
   // The datagram is finished: its repeated last fragment has nowhere to go.
-  EXPECT_EQ(SendAndWhere(Vp(1, kLater, 0, false, 9)), 0);
+  EXPECT_EQ(Where(Vp(1, kLater, 0, false, 9)), 0);
   EXPECT_EQ(NonZeroCounters(), (Counts{{0, 1}, {12, 4}, {kVp + 12, 4}}));
 
   // Unmarked first fragments and vCPU bytes 0 and 64 enter and decide nothing.
-  EXPECT_EQ(SendAndWhere(Vp(1, 7, 0, true, 0)), 7);
-  EXPECT_EQ(SendAndWhere(Vp(1, kLater, 0, true, 3)), 0);
-  EXPECT_EQ(SendAndWhere(Vp(1, 0, 0, false, 0)), 0);
-  EXPECT_EQ(SendAndWhere(Vp(1, 64, 0, false, 0)), 0);
+  EXPECT_EQ(Where(Vp(1, 7, 0, true, 0)), 7);
+  EXPECT_EQ(Where(Vp(1, kLater, 0, true, 3)), 0);
+  EXPECT_EQ(Where(Vp(1, 0, 0, false, 0)), 0);
+  EXPECT_EQ(Where(Vp(1, 64, 0, false, 0)), 0);
 
-  // Every cut of a frame after the internal MAC prefix decides nothing.
-  const Bytes full = Vp(1, kLater, 0, true, 3);
-  for (size_t len = 12 + 24 + 3; len < full.size(); ++len) {
-    EXPECT_EQ(SendAndWhere(Cut(full, len)), 0) << len;
+  // Every cut of a frame after the internal MAC prefix decides nothing, nor
+  // does a direct frame cut before its vCPU byte; a marked first fragment
+  // needs only its mark.
+  Bytes full = Vp(1, kLater, 0, true, 3);
+  while (full.size() > 12 + 24 + 3) {
+    full.pop_back();
+    EXPECT_EQ(Where(full), 0) << full.size();
   }
-  // Cut before the vCPU byte of a direct frame: no vCPU either; a marked
-  // first fragment needs only its mark.
-  EXPECT_EQ(SendAndWhere(Cut(Vp(1, 7, 0, false, 0), 12 + 24 + 3)), 0);
-  EXPECT_EQ(SendAndWhere(Cut(Vp(1, 7, kFirst, true, 0), 12 + 24 + 15)), 7);
+  Bytes direct = Vp(1, 7, 0, false, 0), first = Vp(1, 7, kFirst, true, 0);
+  direct.resize(12 + 24 + 3);
+  first.resize(12 + 24 + 15);
+  EXPECT_EQ(Where(direct), 0);
+  EXPECT_EQ(Where(first), 7);
 }
 
 TEST_F(CascadeTest, TimngScanFragmentsGoToTheDefaultReceiverAheadOfTimngAndWlan) {
   WlanToTwelve();
   Timng(kCause, 3, 1);
   auto frag = [](bool mf, uint16_t off) { return CascadeFragment(kCause, 9, mf, off); };
-  EXPECT_EQ(SendAndWhere(frag(true, 0)), 0);
-  EXPECT_EQ(SendAndWhere(frag(true, 3)), 0);
-  EXPECT_EQ(SendAndWhere(frag(false, 6)), 0);
+  EXPECT_EQ(Where(frag(true, 0)), 0);
+  EXPECT_EQ(Where(frag(true, 3)), 0);
+  EXPECT_EQ(Where(frag(false, 6)), 0);
   EXPECT_EQ(NonZeroCounters(), (Counts{{0, 6}}));
   // The same cause ID unfragmented is TIMNG's own vCPU.
-  EXPECT_EQ(SendAndWhere(Plain(kCause)), 3);
+  EXPECT_EQ(Where(Plain(kCause)), 3);
 }
 
 // Packets of several threads decide while the steering table is rewritten
@@ -237,7 +217,7 @@ TEST_F(CascadeTest, SteeringListBeforeRangeIvoBeforeDeteptionAndEveryHitCounted)
       {10, 5},  // in both tables: the ivo table
       {15, 5}, {30, 9}, {200, 9}, {199, 0}, {201, 0}, {0, 0}, {21, 0},
   };
-  for (const Case& c : cases) EXPECT_EQ(SendAndWhere(Plain(c.cause)), c.vcpu) << c.cause;
+  for (const Case& c : cases) EXPECT_EQ(Where(Plain(c.cause)), c.vcpu) << c.cause;
 
   BYPASS_IVO_DEBUG_INFO_S want{};
   want.stIvoTable = Table(0, 0x105, {10, 11, 12, 13}, 13, 20);
@@ -267,7 +247,7 @@ TEST_F(CascadeTest, SteeringListBeforeRangeIvoBeforeDeteptionAndEveryHitCounted)
   EXPECT_EQ(got.aulIvoCauseIdHitCnt[3], 0u);
   EXPECT_EQ(got.ulIvoRangeHitCnt, 0u);
   EXPECT_EQ(got.ulDeteptionHitCnt, 2u);
-  EXPECT_EQ(SendAndWhere(Plain(11)), 5);
+  EXPECT_EQ(Where(Plain(11)), 5);
   EXPECT_EQ(write(1), 4);
   got = ReadIvo();
   EXPECT_EQ(got.ulDeteptionHitCnt, 0u);
@@ -287,24 +267,24 @@ TEST_F(CascadeTest, SteeringMessageRulesAndCommandTwenty) {
   BYPASS_LB_TABLE_S big = Table(1, 5, {});
   big.ulCauseIdNum = 21;
   EXPECT_EQ(Steering(big), 0);
-  EXPECT_EQ(SendAndWhere(Plain(41)), 5);
-  EXPECT_EQ(SendAndWhere(Plain(305)), 5);
+  EXPECT_EQ(Where(Plain(41)), 5);
+  EXPECT_EQ(Where(Plain(305)), 5);
   // A shorter list keeps the slots past it; a range starting at 0 is off.
   EXPECT_EQ(Steering(Table(1, 7, {50}, 0, 100)), 0);
   EXPECT_EQ(ReadIvo().stDeteptionTable.ausCauseId[1], 41);
-  EXPECT_EQ(SendAndWhere(Plain(41)), 0);
-  EXPECT_EQ(SendAndWhere(Plain(60)), 0);
-  EXPECT_EQ(SendAndWhere(Plain(50)), 7);
+  EXPECT_EQ(Where(Plain(41)), 0);
+  EXPECT_EQ(Where(Plain(60)), 0);
+  EXPECT_EQ(Where(Plain(50)), 7);
   // Disabled tables answer nothing.
   BYPASS_LB_TABLE_S off = Table(1, 7, {50});
   off.ulEnable = 0;
   EXPECT_EQ(Steering(off), 0);
-  EXPECT_EQ(SendAndWhere(Plain(50)), 0);
+  EXPECT_EQ(Where(Plain(50)), 0);
 
   ASSERT_EQ(Steering(Table(0, 3, {7, 8})), 0);
   EXPECT_EQ(Steering(big), 0);
   env().ClearLog();
-  ASSERT_EQ(ctl_->Debug(20), 0);
+  ASSERT_EQ(ctl().Debug(20), 0);
   std::vector<std::string> text;
   for (const LogLine& line : env().Log()) {
     EXPECT_EQ(line.level, 1);
@@ -324,8 +304,8 @@ TEST_F(CascadeTest, SteeringUpdatesAppearWholeToConcurrentDecisions) {
   const BYPASS_LB_TABLE_S a = Table(0, 1, {100, 101}, 500, 600);
   const BYPASS_LB_TABLE_S b = Table(0, 2, {200}, 700, 800);
   ASSERT_EQ(Steering(a), 0);
-  std::vector<Bytes> of_a = {Plain(100), Plain(101), Plain(550)};
-  std::vector<Bytes> of_b = {Plain(200), Plain(750)};
+  const std::vector<Bytes> of_a = {Plain(100), Plain(101), Plain(550)};
+  const std::vector<Bytes> of_b = {Plain(200), Plain(750)};
   std::atomic<bool> done{false};
   std::vector<std::thread> threads;
   for (int r = 0; r < 2; ++r) {
@@ -350,7 +330,7 @@ TEST_F(CascadeTest, SteeringUpdatesAppearWholeToConcurrentDecisions) {
   done = true;
   for (auto& th : threads) th.join();
   for (auto [v, mine] : {std::pair{1u, &of_a}, std::pair{2u, &of_b}}) {
-    while (auto d = workers_[v]->Next()) {
+    while (auto d = (*rx_)[v].Next()) {
       EXPECT_NE(std::find(mine->begin(), mine->end(), d->data), mine->end()) << "vCPU " << v;
     }
   }

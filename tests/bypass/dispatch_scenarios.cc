@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <map>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -67,37 +66,26 @@ class DispatchTest : public ModuleTest {
  protected:
   void SetUp() override {
     ModuleTest::SetUp();
-    def_.emplace();
-    ASSERT_EQ(def_->Register(kNormal, 0), 0);
-    for (uint32_t v : {5u, 7u, 63u}) {
-      workers_[v] = std::make_unique<Worker>();
-      ASSERT_EQ(workers_[v]->Register(kNormal, v), 0);
-    }
+    rx_.emplace(std::initializer_list<uint32_t>{0, 5, 7, 63});
     Apply(TestRanges());
   }
   void TearDown() override {
-    workers_.clear();
-    def_.reset();
+    rx_.reset();
     ModuleTest::TearDown();
   }
-  void Apply(const BYPASS_PKT_OFFSET_S& cfg) { ASSERT_EQ(def_->Configure(cfg), 0); }
-  // The vCPU whose worker got the packet (0: the default receiver, -1: none).
+  void Apply(const BYPASS_PKT_OFFSET_S& cfg) { ASSERT_EQ((*rx_)[0].Configure(cfg), 0); }
+  // The one vCPU whose worker got the packet (0: the default receiver), or
+  // -1.
   int Where(const Bytes& buf) {
-    env().Deliver(1, buf);
-    int where = -1;
-    if (def_->Next()) where = 0;
-    for (auto& [v, w] : workers_) {
-      if (w->Next()) where = static_cast<int>(v);
-    }
-    return where;
+    const std::vector<uint32_t> got = rx_->Deliver(buf);
+    return got.size() == 1 ? static_cast<int>(got[0]) : -1;
   }
   static Bytes Ecm(uint32_t eth, uint8_t vcpu, const char* dst = "0a:0b:0b:00:00:01",
                    uint16_t type = 0x06A4, uint8_t inner2 = 0x0C) {
     return EcmFrame(eth, vcpu, {.dst = dst, .ether_type = type, .inner2 = inner2});
   }
 
-  std::optional<Worker> def_;
-  std::map<uint32_t, std::unique_ptr<Worker>> workers_;
+  std::optional<Receivers> rx_;
 };
 
 TEST_F(DispatchTest, BuffersTooShortToDispatchAreTracedAndCountNothing) {
@@ -200,9 +188,9 @@ TEST_F(DispatchTest, CommandSixteenDumpsTheNextTwentyPackets) {
   Bytes pkt(40);
   for (size_t i = 0; i < pkt.size(); ++i) pkt[i] = static_cast<uint8_t>(i);
   pkt[0] = 1;  // not eligible for the ICMP diversion
-  ASSERT_EQ(def_->Debug(16), 0);
+  ASSERT_EQ((*rx_)[0].Debug(16), 0);
   for (int i = 0; i < 5; ++i) env().Deliver(1, pkt);
-  ASSERT_EQ(def_->Debug(16), 0);  // re-arming restarts the count
+  ASSERT_EQ((*rx_)[0].Debug(16), 0);  // re-arming restarts the count
   env().ClearLog();
   for (int i = 0; i < 25; ++i) env().Deliver(1, pkt);
   const std::vector<std::string> lines = LogTexts();

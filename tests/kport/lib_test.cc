@@ -1,6 +1,12 @@
-// simple_strtol and the captured kernel log.
+// The library routines the module takes from the platform: simple_strtol,
+// the captured kernel log, and the bounds-checked copies and formats, whose
+// failures never write past destMax and leave the promised contents behind.
 #include <gtest/gtest.h>
 
+#include <cstring>
+#include <string>
+
+#include "kport/bndsafe.h"
 #include "kport/lib.h"
 #include "kport/printk.h"
 #include "kport/user/testing.h"
@@ -46,6 +52,83 @@ TEST(Klog, KeepsEachLineAsFormattedWithItsLevel) {
   EXPECT_TRUE(klog::ContainsFragment("code 7"));
   klog::Clear();
   EXPECT_TRUE(klog::Lines().empty());
+}
+
+constexpr size_t kMax = 8;
+
+// kMax usable bytes followed by guard bytes that no call may touch.
+struct Dest {
+  Dest() { std::memset(bytes, '#', sizeof(bytes)); }
+  std::string usable() const { return std::string(bytes, kMax); }
+  bool guard_intact() const { return std::string(bytes + kMax, 8) == std::string(8, '#'); }
+  char bytes[kMax + 8];
+};
+
+const std::string kZeros(kMax, '\0');
+
+TEST(MemcpyS, CopiesOrResetsTheDestination) {
+  Dest d;
+  EXPECT_EQ(memcpy_s(d.bytes, kMax, "abcdefgh", 8), BND_OK);
+  EXPECT_EQ(memcpy_s(d.bytes, kMax, "xy", 0), BND_OK) << "count 0 writes nothing";
+  EXPECT_EQ(d.usable(), "abcdefgh");
+
+  EXPECT_EQ(memcpy_s(d.bytes, kMax, "123456789", 9), BND_ERANGE_AND_RESET);
+  EXPECT_EQ(d.usable(), kZeros);
+  std::memcpy(d.bytes, "abcdefgh", 8);
+  EXPECT_EQ(memcpy_s(d.bytes, kMax, nullptr, 4), BND_EINVAL_AND_RESET);
+  EXPECT_EQ(d.usable(), kZeros);
+  std::memcpy(d.bytes, "abcdefgh", 8);
+  EXPECT_EQ(memcpy_s(d.bytes, kMax, d.bytes + 2, 4), BND_EOVERLAP_AND_RESET);
+  EXPECT_EQ(d.usable(), kZeros);
+  EXPECT_TRUE(d.guard_intact());
+}
+
+TEST(MemcpyS, UnusableDestinationIsNotTouched) {
+  Dest d;
+  EXPECT_EQ(memcpy_s(nullptr, 8, "ab", 2), BND_EINVAL);
+  // A negative length converted to size_t.
+  EXPECT_EQ(memcpy_s(d.bytes, static_cast<size_t>(-1), "ab", 2), BND_EINVAL);
+  EXPECT_EQ(memset_s(d.bytes, static_cast<size_t>(-1), 0, 2), BND_EINVAL);
+  EXPECT_EQ(d.usable(), std::string(kMax, '#'));
+}
+
+TEST(MemsetS, FillsTheWholeDestinationOnOverflow) {
+  Dest d;
+  EXPECT_EQ(memset_s(d.bytes, kMax, 'a', 3), BND_OK);
+  EXPECT_EQ(d.usable(), "aaa#####");
+  EXPECT_EQ(memset_s(d.bytes, kMax, 'b', 100), BND_ERANGE_AND_RESET);
+  EXPECT_EQ(d.usable(), std::string(kMax, 'b'));
+  EXPECT_TRUE(d.guard_intact());
+}
+
+TEST(SprintfS, TruncationIsAnErrorThatLeavesEmptyString) {
+  Dest d;
+  EXPECT_EQ(sprintf_s(d.bytes, kMax, "%s-%d", "ab", 42), 5);
+  EXPECT_STREQ(d.bytes, "ab-42");
+  EXPECT_EQ(sprintf_s(d.bytes, kMax, "%s", "1234567"), 7) << "terminator fits exactly";
+  EXPECT_EQ(sprintf_s(d.bytes, kMax, "%s", "12345678"), -1);
+  EXPECT_STREQ(d.bytes, "");
+  EXPECT_TRUE(d.guard_intact());
+
+  std::memcpy(d.bytes, "stale", 6);
+  const char* no_format = nullptr;
+  EXPECT_EQ(sprintf_s(d.bytes, kMax, no_format), -1);
+  EXPECT_STREQ(d.bytes, "") << "a usable destination is emptied";
+  std::memcpy(d.bytes, "stale", 6);
+  EXPECT_EQ(sprintf_s(d.bytes, 0, "x"), -1);
+  EXPECT_STREQ(d.bytes, "stale") << "destMax 0 gives nothing to write to";
+}
+
+TEST(SnprintfS, CutsAtCountOrDestMaxAndKeepsTheText) {
+  Dest d;
+  EXPECT_EQ(snprintf_s(d.bytes, kMax, 3, "%s", "abcdef"), -1);
+  EXPECT_STREQ(d.bytes, "abc");
+  EXPECT_EQ(snprintf_s(d.bytes, kMax, 100, "%s", "abcdefghij"), -1);
+  EXPECT_STREQ(d.bytes, "abcdefg");
+  EXPECT_TRUE(d.guard_intact());
+  EXPECT_EQ(snprintf_s(d.bytes, kMax, 6, "%d", 12345), 5);
+  EXPECT_STREQ(d.bytes, "12345");
+  EXPECT_EQ(snprintf_s(d.bytes, 0, 4, "x"), -1);
 }
 
 }  // namespace
