@@ -12,7 +12,6 @@
 #include <thread>
 #include <vector>
 
-#include "base/atomic.h"
 #include "drv_vane/entry.h"
 #include "drv_vane/netlink.h"
 #include "drv_vane/wlan_lb.h"
@@ -178,134 +177,53 @@ TEST(WlanViewsLifecycleTest, TheModuleLoadsWhenItsViewsCannotBeCreated) {
   EXPECT_EQ(kport::user::LiveAllocations(), live);
 }
 
-// Readers on several threads look up ports, MACs and cause IDs while one
-// writer churns the socket-port lists, the Portal and CoA entries, the NAC
-// list and the cause-ID table. Every state a reader sees must be one that a
-// writer produced whole: a Portal or CoA port with the process of the same
-// setting, a NAC list whose ids all come from one reload, a socket-port
-// process that belongs to its port, a cause ID with its own types.
-constexpr auto kRunFor = std::chrono::milliseconds(1500);
-constexpr int kReaders = 3;
-constexpr u16 kFirstPort = 7000;
-constexpr u16 kPorts = 16;
-constexpr u16 kSrcPort = 2000;
-
-// What each setting stores, so that a reader can tell a torn one.
-u32 ProcessOfPort(u32 port) { return port * 3 + 1; }
-u32 LbTypeOf(u32 cause) { return cause % 4 + 1; }
-u32 PktTypeOf(u32 cause) { return cause % 11 + 1; }
-
-class AaaStressTest : public ModuleTest {};
-
-void Writer(const std::atomic<bool>& stop, std::atomic<u64>& rounds) {
-  u32 gen = 0;
-  u32 cause = 0;
-  while (!stop.load(std::memory_order_relaxed)) {
-    ++gen;
-    u16 port = static_cast<u16>(kFirstPort + gen % kPorts);
-    // Destination entries: both families, replaced and deleted in turn.
-    (void)WLAN_LB_SetSocketPortDistributeTbl(port, 0, ProcessOfPort(port), 0, gen % 2);
-    if (gen % 3 == 0) (void)WLAN_LB_DeleteSocketPortDistributeTbl(port, 0, 0, (gen / 3) % 2);
-    // The source-port entry comes and goes.
-    if (gen % 5 == 0) {
-      (void)WLAN_LB_SetSocketPortDistributeTbl(kSrcPort, gen % 2, 0, 1, 0);
-    } else if (gen % 5 == 2) {
-      (void)WLAN_LB_DeleteSocketPortDistributeTbl(kSrcPort, gen % 2, 1, 0);
-    }
-    u16 portal = static_cast<u16>(100 + gen % 1000);
-    (void)WLAN_LB_SetAAAPortalDistributeTbl(portal, ProcessOfPort(portal));
-    (void)WLAN_LB_SetAAARdsCOADistributeTbl(static_cast<u16>(portal + 1), ProcessOfPort(portal + 1),
-                                            static_cast<u8>(gen % 2));
-    // A NAC reload: gen % 20 + 1 ids (some above the 16 slots), all equal.
-    if (gen % 4 == 0) {
-      u32 id = gen & 0xFFFFFF;
-      std::vector<u32> ids(WLAN_LB_NAC_MAX, id);
-      WLAN_LB_InitAAAAccessVcpuIDList(ids.data(), 64, static_cast<u16>(gen % 20 + 1));
-    }
-    if (cause < 8192 && gen % 8 == 0) {
-      WLAN_LB_CAUSEID_NODE_S n{cause, PktTypeOf(cause), LbTypeOf(cause)};
-      WLAN_LB_SetCauseIDTable(&n, 1);
-      ++cause;
-    }
-    rounds.fetch_add(1, std::memory_order_relaxed);
-  }
-}
-
-void Reader(const std::atomic<bool>& stop, std::atomic<u64>& faults, std::atomic<u64>& hits,
-            u32 seed) {
-  u32 i = seed;
-  u64 bad = 0;
-  u64 seen = 0;
-  auto check = [&bad](bool ok) { bad += ok ? 0 : 1; };
-  while (!stop.load(std::memory_order_relaxed)) {
-    ++i;
-    {
-      kport::RcuReadGuard rcu;
-      PortEntry p = port_entry_load(&g_stPortalPktDistribute);
-      check(p.port == 0 ? p.process == 0 : p.process == ProcessOfPort(p.port));
-      for (const WLAN_LB_PORT_DISTRIBUTE_S& e : g_stRadiusCOADistribute) {
-        PortEntry c = port_entry_load(&e);
-        check(c.port == 0 ? c.process == 0 : c.process == ProcessOfPort(c.port));
-      }
-      const WLAN_LB_NAC_NODE_TBL_S* nac = nac_list();
-      u32 n = nac->count < WLAN_LB_NAC_MAX ? nac->count : WLAN_LB_NAC_MAX;
-      for (u32 k = 1; k < n; ++k) check(nac->ids[k] == nac->ids[0]);
-      if (n != 0) check((nac->ids[0] % 20) + 1 == nac->count);
-    }
-    u16 port = static_cast<u16>(kFirstPort + i % kPorts);
-    u64 process = 7;
-    (void)WLAN_LB_GetDstSocketPortNodeID(port, 0, &process);
-    check(process == 0 || process == ProcessOfPort(port));
-    seen += process != 0 ? 1 : 0;
-
-    WLAN_LB_PORT_INFO_S key{kSrcPort, 55536 + i % 10000, 0, static_cast<u8>(i % 2)};
-    u32 num = 0;
-    u8 ids[WLAN_LB_VCPU_IDS_MAX] = {};
-    (void)WLAN_LB_GetAAAPortVcpuID(&key, &num, ids);
-    check(num == 1 && (ids[0] == 0 || ids[0] == (key.dport - 55536) / 156 + 1));
-    key.dport = WLAN_LB_RADIUS_COA_PORT;  // never a Portal or CoA port here
-    key.ucUDPFlag = 1;
-    (void)WLAN_LB_GetAAAPortVcpuID(&key, &num, ids);
-    check(num == 1);
-
-    WLAN_LB_ACCESS_INFO_S access{};
-    access.smac[5] = static_cast<u8>(i);
-    u64 vcpu = 0;
-    if (WLAN_LB_GetAAAAccessVcpuID(&access, &vcpu) == 0u) check(vcpu != 0);
-
-    u32 lb = 0;
-    u64 pkt = 0;
-    u16 cause = static_cast<u16>(i % 8192);
-    if (WLAN_LB_IsNeedLBPkt(cause, &lb, &pkt) == 0u) {
-      check(lb == LbTypeOf(cause) && pkt == PktTypeOf(cause));
-    } else {
-      check(lb == WLAN_LB_TYPE_NONE && pkt == WLAN_LB_PKT_TYPE_NONE);
-    }
-  }
-  faults.fetch_add(bad);
-  hits.fetch_add(seen);
-}
-
-TEST_F(AaaStressTest, ReadersSeeOnlyWholeStates) {
-  store_relaxed(&g_ulIsLBInited, 1);
-  store_relaxed(&g_ulKernelLBBoardType, WLAN_LB_BOARD_TYPE_LB);
+// Readers on several threads read the Portal, RADIUS CoA and NAC entries as
+// fast as they can while one writer changes them through the exported
+// functions: a port must come with the process of the same setting, a NAC
+// list's ids with the count of the same reload. (A reader through packets,
+// as the WLAN race scenario is, looks too rarely to catch a torn store.)
+TEST_F(LbInternalsTest, AaaReadersSeeOnlyWholeEntries) {
+  auto process_of = [](u32 port) { return port * 3 + 1; };
   std::atomic<bool> stop{false};
-  std::atomic<u64> faults{0};
-  std::atomic<u64> hits{0};
-  std::atomic<u64> rounds{0};
-  std::vector<std::thread> threads;
-  for (int r = 0; r < kReaders; ++r) {
-    threads.emplace_back(Reader, std::cref(stop), std::ref(faults), std::ref(hits),
-                         static_cast<u32>(r * 977));
+  std::atomic<u64> torn{0}, rounds{0};
+  std::thread writer([&] {
+    for (u32 gen = 1; !stop.load(std::memory_order_relaxed); ++gen) {
+      const auto portal = static_cast<u16>(100 + gen % 1000);
+      WLAN_LB_SetAAAPortalDistributeTbl(portal, process_of(portal));
+      WLAN_LB_SetAAARdsCOADistributeTbl(static_cast<u16>(portal + 1), process_of(portal + 1),
+                                        static_cast<u8>(gen % 2));
+      // gen % 20 + 1 ids (some above the 16 slots), all equal.
+      const std::vector<u32> ids(16, gen & 0xFFFFFF);
+      if (gen % 4 == 0) WLAN_LB_InitAAAAccessVcpuIDList(ids.data(), 64, gen % 20 + 1);
+      ++rounds;
+    }
+  });
+  std::vector<std::thread> readers;
+  for (int r = 0; r < 3; ++r) {
+    readers.emplace_back([&] {
+      u64 bad = 0;
+      auto whole = [&](const WLAN_LB_PORT_DISTRIBUTE_S& e) {
+        const PortEntry p = port_entry_load(&e);
+        bad += (p.port == 0 ? p.process == 0 : p.process == process_of(p.port)) ? 0 : 1;
+      };
+      while (!stop.load(std::memory_order_relaxed)) {
+        kport::RcuReadGuard rcu;
+        whole(g_stPortalPktDistribute);
+        for (const WLAN_LB_PORT_DISTRIBUTE_S& e : g_stRadiusCOADistribute) whole(e);
+        const WLAN_LB_NAC_NODE_TBL_S* nac = nac_list();
+        const u32 n = nac->count < 16 ? nac->count : 16;
+        for (u32 k = 1; k < n; ++k) bad += nac->ids[k] == nac->ids[0] ? 0 : 1;
+        if (n != 0) bad += nac->ids[0] % 20 + 1 == nac->count ? 0 : 1;
+      }
+      torn += bad;
+    });
   }
-  threads.emplace_back(Writer, std::cref(stop), std::ref(rounds));
-  std::this_thread::sleep_for(kRunFor);
-  stop.store(true);
-  for (std::thread& t : threads) t.join();
-  EXPECT_EQ(faults.load(), 0u);
-  // The run exercised both sides.
+  std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+  stop = true;
+  writer.join();
+  for (std::thread& t : readers) t.join();
+  EXPECT_EQ(torn.load(), 0u);
   EXPECT_GT(rounds.load(), 100u);
-  EXPECT_GT(hits.load(), 0u);
 }
 
 }  // namespace

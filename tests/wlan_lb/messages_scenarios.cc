@@ -164,10 +164,14 @@ TEST_F(LbMessageTest, EverySetTypeIsCountedWhateverItsLengthAndAppliedOnlyAtItsL
 }
 
 TEST_F(LbMessageTest, CapwapAndKeepAliveEntriesAreAddedUpdatedAndDeletedByKey) {
+  // A delete before any add finds nothing (Ret 1); the reserved bytes sent
+  // are not what the view shows.
   SetDebugLevel(4);
-  // A delete before any add finds nothing; the reserved bytes sent are not
-  // what the view shows.
   EXPECT_EQ(Send(CapwapMsg({10, 20, 30, 40, 7, 0}, 2)), 0);
+  EXPECT_EQ(DebugText(),
+            "\r\nWLAN LB message(SetType=0 Len=32 InitFlag=0)."
+            "\r\nProc capwap distribute table.(op 2 vpn 7  dip 20 sip 10 dport 40 sport 30 "
+            "process 0 Ret 1).");
   Bytes add = CapwapMsg({10, 20, 30, 40, 7, 300});
   add[8 + 13] = add[8 + 14] = add[8 + 15] = 0xEE;
   EXPECT_EQ(Send(add), 0);
@@ -177,40 +181,20 @@ TEST_F(LbMessageTest, CapwapAndKeepAliveEntriesAreAddedUpdatedAndDeletedByKey) {
   EXPECT_EQ(Send(CapwapMsg({10, 20, 30, 40, 7, 99}, 2)), 0);  // whatever its process
   EXPECT_EQ(CapwapRecords(10), Bytes(200, 0));
 
+  // Any op but 2 adds or updates.
   const uint32_t session[4] = {11, 12, 13, 14};
+  SetDebugLevel(4);
   EXPECT_EQ(Send(CapwapKaMsg(session, 15, 0)), 0);
+  EXPECT_EQ(DebugText(),
+            "\r\nWLAN LB message(SetType=1 Len=32 InitFlag=1)."
+            "\r\nProc capwap ka distribute table.(op 0 session0 11  session1 12 session2 13 "
+            "session3 14  process 15 Ret 0).");
   EXPECT_EQ(Send(CapwapKaMsg(session, 16)), 0);
   EXPECT_EQ(KaRecord(session),
             (Bytes{11, 0, 0, 0, 12, 0, 0, 0, 13, 0, 0, 0, 14, 0, 0, 0, 16, 0, 0, 0}));
   EXPECT_EQ(Send(CapwapKaMsg(session, 0, 2)), 0);
-  EXPECT_EQ(Send(CapwapKaMsg(session, 0, 2)), 0);
   EXPECT_EQ(KaRecord(session), Bytes(20, 0));
-  EXPECT_EQ(Stats(), (Counts{4, 4, 0, 0, 0, 0, 0, 1}));
-  EXPECT_EQ(DebugText(),
-            "\r\nWLAN LB message(SetType=0 Len=32 InitFlag=0)."
-            "\r\nProc capwap distribute table.(op 2 vpn 7  dip 20 sip 10 dport 40 sport 30 "
-            "process 0 Ret 1)."
-            "\r\nWLAN LB message(SetType=0 Len=32 InitFlag=1)."
-            "\r\nProc capwap distribute table.(op 1 vpn 7  dip 20 sip 10 dport 40 sport 30 "
-            "process 300 Ret 0)."
-            "\r\nWLAN LB message(SetType=0 Len=32 InitFlag=1)."
-            "\r\nProc capwap distribute table.(op 1 vpn 7  dip 20 sip 10 dport 40 sport 30 "
-            "process 301 Ret 0)."
-            "\r\nWLAN LB message(SetType=0 Len=32 InitFlag=1)."
-            "\r\nProc capwap distribute table.(op 2 vpn 7  dip 20 sip 10 dport 40 sport 30 "
-            "process 99 Ret 0)."
-            "\r\nWLAN LB message(SetType=1 Len=32 InitFlag=1)."
-            "\r\nProc capwap ka distribute table.(op 0 session0 11  session1 12 session2 13 "
-            "session3 14  process 15 Ret 0)."
-            "\r\nWLAN LB message(SetType=1 Len=32 InitFlag=1)."
-            "\r\nProc capwap ka distribute table.(op 1 session0 11  session1 12 session2 13 "
-            "session3 14  process 16 Ret 0)."
-            "\r\nWLAN LB message(SetType=1 Len=32 InitFlag=1)."
-            "\r\nProc capwap ka distribute table.(op 2 session0 11  session1 12 session2 13 "
-            "session3 14  process 0 Ret 0)."
-            "\r\nWLAN LB message(SetType=1 Len=32 InitFlag=1)."
-            "\r\nProc capwap ka distribute table.(op 2 session0 11  session1 12 session2 13 "
-            "session3 14  process 0 Ret 1).");
+  EXPECT_EQ(Stats(), (Counts{4, 3, 0, 0, 0, 0, 0, 1}));
 }
 
 TEST_F(LbMessageTest, CauseIdCountMustMatchTheLengthIn64Bits) {
