@@ -69,12 +69,7 @@ class CascadeTest : public ModuleTest {
     rx_.reset();
     ModuleTest::TearDown();
   }
-  // The one vCPU whose worker got the packet (0: the default receiver), or
-  // -1.
-  int Where(const Bytes& buf) {
-    const std::vector<uint32_t> got = rx_->Deliver(buf);
-    return got.size() == 1 ? static_cast<int>(got[0]) : -1;
-  }
+  int Where(const Bytes& buf) { return rx_->Only(buf); }  // 0: the default receiver
   Worker& ctl() { return (*rx_)[0]; }
   void Lb(const Bytes& msg) { ASSERT_EQ(ctl().Control(10, msg), 0); }
   int Steering(const BYPASS_LB_TABLE_S& t, size_t len = 60) {

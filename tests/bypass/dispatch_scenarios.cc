@@ -74,12 +74,7 @@ class DispatchTest : public ModuleTest {
     ModuleTest::TearDown();
   }
   void Apply(const BYPASS_PKT_OFFSET_S& cfg) { ASSERT_EQ((*rx_)[0].Configure(cfg), 0); }
-  // The one vCPU whose worker got the packet (0: the default receiver), or
-  // -1.
-  int Where(const Bytes& buf) {
-    const std::vector<uint32_t> got = rx_->Deliver(buf);
-    return got.size() == 1 ? static_cast<int>(got[0]) : -1;
-  }
+  int Where(const Bytes& buf) { return rx_->Only(buf); }  // 0: the default receiver
   static Bytes Ecm(uint32_t eth, uint8_t vcpu, const char* dst = "0a:0b:0b:00:00:01",
                    uint16_t type = 0x06A4, uint8_t inner2 = 0x0C) {
     return EcmFrame(eth, vcpu, {.dst = dst, .ether_type = type, .inner2 = inner2});

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
+#include <tuple>
 
 #include "drv_vane/config.h"
 #include "support/packet_builder.h"
@@ -12,23 +13,10 @@
 namespace vane::test {
 namespace {
 
-// Results and the bits of the parsed-field map.
-enum : u32 {
-  kOk = 0,
-  kNotIp = 1,
-  kNotUdpTcp = 3,
-  kIpv4Short = 4,
-  kEsp = 5,
-  kOther = 6,
-  kErr = 100
-};
-constexpr u32 kBmpFrame = 0x7;  // MACs and EtherType
-constexpr u32 kBmpMacs = 0x3;
-constexpr u32 kBmpFrag = 0x8;
-constexpr u32 kBmpId = 0x20;
-constexpr u32 kBmpIpv4 = 0x13E0;  // addresses, id, ports, L4 offset
-constexpr u32 kBmpIpv6 = 0xC00;
-constexpr u32 kBmpL4 = 0x1300;
+// Results, the bits of the parsed-field map, and fragment positions.
+constexpr u32 kOk = 0, kNotIp = 1, kNotUdpTcp = 3, kIpv4Short = 4, kEsp = 5, kOther = 6, kErr = 100;
+constexpr u32 kBmpFrame = 0x7, kBmpMacs = 0x3, kBmpFrag = 0x8, kBmpId = 0x20;  // MACs, EtherType
+constexpr u32 kBmpIpv4 = 0x13E0, kBmpIpv6 = 0xC00, kBmpL4 = 0x1300;  // addresses, id, ports
 enum : u8 { kWhole = 0, kFirst = 1, kMiddle = 2, kLast = 3 };
 
 struct Parsed {
@@ -65,16 +53,13 @@ TEST(ParserFrameTest, Ipv4UdpBehindAnOffset) {
   EXPECT_EQ(p.info.ulBmpInfo, kBmpFrame | kBmpIpv4 | kBmpFrag);
   EXPECT_EQ(0, std::memcmp(p.info.ucDstMac, Mac("0a:0b:0c:00:00:05").data(), 6));
   EXPECT_EQ(0, std::memcmp(p.info.ucSrcMac, Mac("00:00:03:00:06:00").data(), 6));
-  EXPECT_EQ(p.info.usProtocolType, 0x0800);
-  EXPECT_EQ(p.info.usDataLength, b.size() - 30);
-  EXPECT_EQ(p.info.ulSrcIp, 0x1D0C0C0Cu);
-  EXPECT_EQ(p.info.ulDstIp, 0x1D0D0D0Du);
-  EXPECT_EQ(p.info.usSrcPort, 5246);
-  EXPECT_EQ(p.info.usDstPort, 65534);
-  EXPECT_EQ(p.info.ulId, 0x1234u);
-  EXPECT_EQ(p.info.ucIsUdpPkt, 1);
-  EXPECT_EQ(p.info.ucIpFrag, kWhole);
-  EXPECT_EQ(p.info.ulOffSetUdpLen, b.offset_of(Layer::kUdp));  // from the packet, not the frame
+  const auto& i = p.info;
+  EXPECT_EQ(std::make_tuple(i.usProtocolType, i.usDataLength, i.ulSrcIp, i.ulDstIp, i.ulId),
+            std::make_tuple(u16{0x0800}, static_cast<u16>(b.size() - 30), 0x1D0C0C0Cu, 0x1D0D0D0Du,
+                            0x1234u));
+  EXPECT_EQ(std::make_tuple(i.usSrcPort, i.usDstPort, i.ucIsUdpPkt, i.ucIpFrag),
+            std::make_tuple(u16{5246}, u16{65534}, u8{1}, u8{kWhole}));
+  EXPECT_EQ(i.ulOffSetUdpLen, b.offset_of(Layer::kUdp));  // from the packet, not the frame
 }
 
 TEST(ParserFrameTest, VlanWalk) {

@@ -13,32 +13,25 @@
 
 namespace {
 
-struct StrtolCase {
-  const char* text;
-  unsigned int base;
-  long value;
-  size_t used;  // characters consumed, as *endp reports
-};
-
-class SimpleStrtol : public ::testing::TestWithParam<StrtolCase> {};
-
-TEST_P(SimpleStrtol, ParsesLikeTheKernel) {
-  const StrtolCase& c = GetParam();
-  char* end = nullptr;
-  EXPECT_EQ(kport_simple_strtol(c.text, &end, c.base), c.value);
-  EXPECT_EQ(static_cast<size_t>(end - c.text), c.used);
+TEST(SimpleStrtol, ParsesLikeTheKernel) {
+  struct Case {
+    const char* text;
+    unsigned int base;
+    long value;
+    size_t used;  // characters consumed, as *endp reports
+  };
+  const Case cases[] = {
+      {"0x10", 0, 16, 4},   {"0X1f", 0, 31, 4},   {"010", 0, 8, 3}, {"19", 0, 19, 2},
+      {"-5", 10, -5, 2},    {"-0x10", 0, -16, 5}, {" 5", 10, 0, 0}, {"abc", 10, 0, 0},
+      {"12abc", 10, 12, 2}, {"0xff", 16, 255, 4}, {"089", 0, 0, 1}, {"-", 10, 0, 1},
+      {"0xg", 0, 0, 1},  // no hex digit: octal "0"
+  };
+  for (const Case& c : cases) {
+    char* end = nullptr;
+    EXPECT_EQ(kport_simple_strtol(c.text, &end, c.base), c.value) << c.text;
+    EXPECT_EQ(static_cast<size_t>(end - c.text), c.used) << c.text;
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(Cases, SimpleStrtol,
-                         ::testing::Values(StrtolCase{"0x10", 0, 16, 4},
-                                           StrtolCase{"0X1f", 0, 31, 4}, StrtolCase{"010", 0, 8, 3},
-                                           StrtolCase{"19", 0, 19, 2}, StrtolCase{"-5", 10, -5, 2},
-                                           StrtolCase{"-0x10", 0, -16, 5},
-                                           StrtolCase{" 5", 10, 0, 0}, StrtolCase{"abc", 10, 0, 0},
-                                           StrtolCase{"12abc", 10, 12, 2},
-                                           StrtolCase{"0xff", 16, 255, 4},
-                                           StrtolCase{"0xg", 0, 0, 1},  // no hex digit: octal "0"
-                                           StrtolCase{"089", 0, 0, 1}, StrtolCase{"-", 10, 0, 1}));
 
 TEST(Klog, KeepsEachLineAsFormattedWithItsLevel) {
   namespace klog = kport::user::klog;

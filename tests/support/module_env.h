@@ -139,6 +139,11 @@ class Receivers {
   // Hands the packet in as message type 1 and returns the vCPUs whose worker
   // got a copy, in vCPU order; last() is the last copy's data.
   std::vector<uint32_t> Deliver(const std::vector<uint8_t>& packet);
+  // The one vCPU whose worker got the packet, or -1.
+  int Only(const std::vector<uint8_t>& packet) {
+    const std::vector<uint32_t> got = Deliver(packet);
+    return got.size() == 1 ? static_cast<int>(got[0]) : -1;
+  }
   const std::vector<uint8_t>& last() const { return last_; }
 
  private:

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "support/env.h"
+#include "support/frames.h"
 #include "support/module_env.h"
 #include "support/wlan_msgs.h"
 
@@ -27,13 +28,6 @@ inline constexpr char kKaFile[] = "/proc/wlan_lb/capwap_ka";
 inline Bytes Resized(Bytes m, size_t len) {
   m.resize(len, 0);
   return m;
-}
-
-template <typename T>
-Bytes Raw(const T& value) {
-  Bytes b(sizeof(T));
-  std::memcpy(b.data(), &value, sizeof(T));
-  return b;
 }
 
 inline std::string Text(const std::optional<Bytes>& b) {
@@ -60,11 +54,11 @@ inline std::vector<uint32_t> Stats() {
 
 // What the two proc files show for a key written first.
 inline Bytes CapwapRecords(uint64_t sip) {
-  EXPECT_EQ(env().Write(kCapwapFile, Raw(sip)), 8);
+  EXPECT_EQ(env().Write(kCapwapFile, RecordBytes(sip)), 8);
   return env().Read(kCapwapFile).value_or(Bytes{});
 }
 inline Bytes KaRecord(const uint32_t (&session)[4]) {
-  EXPECT_EQ(env().Write(kKaFile, Raw(session)), 16);
+  EXPECT_EQ(env().Write(kKaFile, RecordBytes(session)), 16);
   return env().Read(kKaFile).value_or(Bytes{});
 }
 

@@ -125,7 +125,7 @@ TEST_F(LbViewTest, CapwapFileShowsTheFirstTenRecordsOfAnAddressInBucketOrder) {
   ASSERT_EQ(Send(CapwapMsg({kSip + 1, 6, 1, 5000, 2, 99})), 0);
 
   // Read 50 bytes at a time: four reads, then the end.
-  ASSERT_EQ(env().Write(kCapwapFile, Raw(uint64_t{kSip})), 8);
+  ASSERT_EQ(env().Write(kCapwapFile, RecordBytes(uint64_t{kSip})), 8);
   Bytes got;
   for (int64_t pos = 0; pos <= 200; pos += 50) {
     const Bytes part = env().ReadAt(kCapwapFile, pos, 50).value_or(Bytes{1});
@@ -149,7 +149,7 @@ TEST_F(LbViewTest, KeepAliveFileShowsTheRecordOfTheWrittenSession) {
   ASSERT_EQ(Send(CapwapKaMsg(session, 9)), 0);
   ASSERT_EQ(Send(CapwapKaMsg({1, 2, 3, 5}, 10)), 0);
   // A longer write takes its first 16 bytes; a read in small pieces the whole record.
-  Bytes key = Raw(session);
+  Bytes key = RecordBytes(session);
   key.push_back(0xAA);
   ASSERT_EQ(env().Write(kKaFile, key), 17);
   EXPECT_EQ(env().Read(kKaFile, 7),
