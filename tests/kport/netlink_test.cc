@@ -259,23 +259,6 @@ TEST_F(NetlinkTest, ClosingAnExternalSocketWaitsForItsSinkAndRefusesLaterCalls) 
   EXPECT_FALSE(called_after);
 }
 
-TEST_F(NetlinkTest, ConcurrentDeliveriesAllReachAnExternalSink) {
-  std::atomic<uint64_t> count{0};
-  auto ext = ExternalSocket::Open(kProto, kPort + 1, kPid, [&](const uint8_t*, size_t n, bool) {
-    count.fetch_add(1);
-    return static_cast<int>(n);
-  });
-  ASSERT_NE(ext, nullptr);
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&] {
-      for (int i = 0; i < 2000; ++i) Unicast(kPort + 1, 24);
-    });
-  }
-  for (auto& t : threads) t.join();
-  EXPECT_EQ(count.load(), 8000u);
-}
-
 std::atomic<bool> g_in_input{false};
 std::atomic<bool> g_release_returned{false};
 std::atomic<bool> g_returned_early{false};
@@ -313,6 +296,9 @@ sock* g_sk = nullptr;
 
 // Handles each request on the sender's thread: counts it under a kport lock
 // and answers with a buffer of the module's own.
+constexpr uint32_t kSinkPort = 99;
+std::atomic<int> g_copies{0};
+
 int CountingHandle(sk_buff* skb, kport_nlmsghdr* nlh) {
   {
     kport::SpinGuardBh guard(&g_lock);
@@ -324,6 +310,11 @@ int CountingHandle(sk_buff* skb, kport_nlmsghdr* nlh) {
   if (reply == nullptr) return -12;
   kport_nlmsg_put(reply, nlh->nlmsg_pid, nlh->nlmsg_seq, 0x30, 4, 0);
   kport_netlink_unicast(g_sk, reply, kport_netlink_creds_pid(skb), 1);
+  // A copy for the external socket every sender's thread delivers to.
+  if (sk_buff* copy = kport_alloc_skb(16)) {
+    kport_nlmsg_put(copy, kSinkPort, nlh->nlmsg_seq, 0x30, 0, 0);
+    if (kport_netlink_unicast(g_sk, copy, kSinkPort, 1) > 0) ++g_copies;
+  }
   return 0;
 }
 
@@ -351,8 +342,12 @@ TEST(Concurrency, SendsAcksTimersAndFaultsTogether) {
   kport_timer_setup(&ticker.timer, Tick);
   kport_timer_add(&ticker.timer, kport_jiffies() + 1);
   kport::user::fault::FailNth(kport::user::fault::Site::kAlloc, 50);
-
-  std::atomic<int> acks{0};
+  std::atomic<int> acks{0}, sunk{0};
+  auto sink =
+      ExternalSocket::Open(kConcurrentProto, kSinkPort, 1, [&](const uint8_t*, size_t n, bool) {
+        ++sunk;
+        return static_cast<int>(n);
+      });
   std::vector<std::thread> senders;
   for (int i = 0; i < kThreads; ++i) {
     senders.emplace_back([i, &acks] {
@@ -371,6 +366,7 @@ TEST(Concurrency, SendsAcksTimersAndFaultsTogether) {
   for (auto& t : senders) t.join();
 
   kport_timer_del_sync(&ticker.timer);
+  sink.reset();
   kport_netlink_kernel_release(g_sk);
   kport_spin_lock_destroy(&g_lock);
   kport::user::fault::ClearAll();
@@ -378,6 +374,8 @@ TEST(Concurrency, SendsAcksTimersAndFaultsTogether) {
 
   EXPECT_EQ(g_handled, kThreads * kRounds);
   EXPECT_EQ(acks, kThreads * kRounds);
+  EXPECT_EQ(sunk.load(), g_copies.load());
+  EXPECT_GE(sunk.load(), kThreads * kRounds - 1);
   EXPECT_EQ(kport::user::LiveAllocations(), live_before);
 }
 

@@ -112,16 +112,15 @@ TEST_F(WlanDispatchTest, EachLbTypeReachesItsVcpusStampedAndCounted) {
   EXPECT_EQ(stamp, kPortType);
   ASSERT_EQ(Send(SocketPortMsg(1812, false, 1, 0)), 0);
   EXPECT_EQ(Where(Udp(kPort, 1812, 55692)), V{2});
-  EXPECT_EQ(NonZeroCounters(), (std::map<uint32_t, uint32_t>{{2, 1},
-                                                             {3, 1},
-                                                             {7, 1},
-                                                             {9, 1},
-                                                             {12, 1},
-                                                             {Wlan(2, kPortType), 1},
-                                                             {Wlan(3, kPortType), 1},
-                                                             {Wlan(7, kKaType), 1},
-                                                             {Wlan(9, kMacType), 1},
-                                                             {Wlan(12, kCapwapType), 1}}));
+  std::map<uint32_t, uint32_t> counted;
+  for (auto [v, t] : {std::pair<uint32_t, uint32_t>{2, kPortType},
+                      {3, kPortType},
+                      {7, kKaType},
+                      {9, kMacType},
+                      {12, kCapwapType}}) {
+    counted[v] = counted[Wlan(v, t)] = 1;
+  }
+  EXPECT_EQ(NonZeroCounters(), counted);
 
   // RADIUS CoA: a copy to each NAC vCPU, each counted for its vCPU and type.
   ASSERT_EQ(Send(NacMsg(3, {20, 21, 22})), 0);

@@ -236,8 +236,9 @@ TEST_F(WlanTablesTest, CauseIdsAnswerOnlyOnceConfiguredOnTheBalancingBoard) {
     const u32 ret = WLAN_LB_IsNeedLBPkt(cause, &lb, &pkt);
     return std::tuple<u32, u32, u64>(ret, lb, pkt);
   };
-  // Not configured on the balancing board; configured on the load-time
-  // board; a cause ID not in the table (same bucket as 100).
+  // Not configured on the balancing board (no message can leave it so);
+  // configured on the load-time board; a cause ID not in the table (same
+  // bucket as 100).
   const u32 steps[][3] = {{0, 3, 100}, {1, 1, 100}, {1, 3, 200}};
   for (const auto& [inited, board, cause] : steps) {
     store_relaxed(&g_ulIsLBInited, inited);
