@@ -1,10 +1,8 @@
-// What the outside cannot reach of the dispatch: the multi-core path's WLAN
-// steps with the tables stood in for (the cause ID, the lookup keys, the
-// keep-alive session ID, the packet-type stamp, the bounds of every packet
-// read), arguments only another module can pass, failed allocations and
-// copies, and a reader of the configuration record racing its writers. The
-// layout is the cascade's: the cause ID in bytes 18-19 of 24 before the
-// Ethernet header.
+// What the outside cannot reach of the dispatch: the WLAN steps with the
+// tables stood in for (cause ID, keys, session ID, stamp, bounds of every
+// read), arguments only another module passes, failed allocations and
+// copies, and the configuration record's readers racing its writers. The
+// cause ID sits in bytes 18-19 of the 24 before the Ethernet header.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -13,6 +11,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "bypass/config_internal.h"
@@ -95,15 +94,11 @@ TEST_F(PipelineTest, CauseIdIsTheUpperThirteenBitsAndShortPacketsWriteNothing) {
   uint32_t type = 1;
   u64 pkt_type = 1;
   bypass_msg_get_causeid(pkt.data(), static_cast<uint32_t>(pkt.size()), &cause, &type, &pkt_type);
-  EXPECT_EQ(cause, kCause);
-  EXPECT_EQ(type, kCapwapLb);
-  EXPECT_EQ(pkt_type, 5u);
-
+  EXPECT_EQ(std::make_tuple(cause, type, pkt_type), std::make_tuple(kCause, kCapwapLb, u64{5}));
   // Without the stand-in a cause ID is not load-balanced.
   wlan_.cause_id = 1;
   bypass_msg_get_causeid(pkt.data(), static_cast<uint32_t>(pkt.size()), &cause, &type, &pkt_type);
-  EXPECT_EQ(type, 7u);
-  EXPECT_EQ(pkt_type, 12u);
+  EXPECT_EQ(std::make_tuple(type, pkt_type), std::make_tuple(7u, u64{12}));
 
   // Shorter than ulMacOffset + 24, or too short for the cause-ID bytes at
   // their own offset: nothing written, one level-1 line each.
@@ -154,14 +149,10 @@ TEST_F(PipelineTest, SessionIdOfAKeepAliveAndEveryWayToRefuseIt) {
   Bytes ka = KeepAlivePayload();
   pkt.insert(pkt.end(), ka.begin(), ka.end());
   const uint32_t len = static_cast<uint32_t>(pkt.size());  // u + 8 + 8 + 22
-  uint32_t sid[4] = {};
+  uint32_t sid[4] = {};  // its words are pinned by the keep-alive scenario's lookups
   ASSERT_EQ(bypass_getSessionId(sid, 12, pkt.data(), len), 0u);
-  EXPECT_EQ(sid[0], 0x01020304u);
-  EXPECT_EQ(sid[3], 0x0D0E0F10u);
   EXPECT_EQ(bypass_getSessionId(nullptr, 12, pkt.data(), len), 100u);
   EXPECT_EQ(bypass_getSessionId(sid, 12, nullptr, len), 100u);
-
-  SetDebugLevel(1);
   auto refuse = [&](Bytes capwap, uint32_t cut, const std::string& text) {
     Bytes p(20, 0);
     p.insert(p.end(), capwap.begin(), capwap.end());

@@ -78,10 +78,10 @@ TEST_F(HashTest, KeysWithoutBucketChangeNothing) {
   ASSERT_NE(table_, nullptr);
   Rec r{1, 1};
   g_buckets_for_key = 8;
-  EXPECT_EQ(HASH_AddNode(table_, &r, &r), 103u);
-  EXPECT_EQ(HASH_AddNode_LB_New(table_, &r, &r), 103u);
-  EXPECT_EQ(HASH_RemoveElmtByKey(table_, &r), 103u);
-  EXPECT_EQ(HASH_RemoveElmtByKey_LB_New(table_, &r), 103u);
+  for (u32 ret : {HASH_AddNode(table_, &r, &r), HASH_AddNode_LB_New(table_, &r, &r),
+                  HASH_RemoveElmtByKey(table_, &r), HASH_RemoveElmtByKey_LB_New(table_, &r)}) {
+    EXPECT_EQ(ret, 103u);
+  }
   EXPECT_EQ(HASH_FindElemFromFirstList(table_, &r), nullptr);
   EXPECT_EQ(table_->ulElemCnt, 0u);
   HASH_Destroy(table_);

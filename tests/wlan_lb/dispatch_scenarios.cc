@@ -30,10 +30,6 @@ enum Cause : uint16_t { kCapwap = 300, kKeepAlive = 301, kMac = 302, kPort = 303
 enum PktType : uint32_t { kCapwapType = 4, kKaType = 5, kMacType = 6, kPortType = 7 };
 const uint32_t kSession[4] = {0x01020304, 0x05060708, 0x090A0B0C, 0x0D0E0F10};
 
-Bytes Udp(uint16_t cause, uint16_t sport, uint16_t dport, const Bytes& payload = Bytes(20, 0),
-          uint32_t src = Ipv4Addr("10.1.1.1")) {
-  return CascadeUdp(cause, sport, dport, payload, src);
-}
 Bytes Fragment(uint16_t id, bool mf, uint16_t off) { return CascadeFragment(kCapwap, id, mf, off); }
 
 CapwapEntry Flow(uint32_t process) {
@@ -79,14 +75,14 @@ TEST_F(WlanDispatchTest, NothingIsLoadBalancedUntilTheBoardTypeSaysSo) {
   ASSERT_EQ(Send(CapwapMsg(Flow(12))), 0);
   ASSERT_EQ(Send(CauseIdMsg({{kCapwap, kCapwapType, 1}})), 0);
   uint8_t stamp = 0;
-  EXPECT_EQ(Where(Udp(kCapwap, 5246, 5247), &stamp), V{0});
+  EXPECT_EQ(Where(CascadeUdp(kCapwap, 5246, 5247), &stamp), V{0});
   EXPECT_EQ(stamp, 0);
   ASSERT_EQ(Send(BoardTypeMsg(3)), 0);
-  EXPECT_EQ(Where(Udp(kCapwap, 5246, 5247), &stamp), V{12});
+  EXPECT_EQ(Where(CascadeUdp(kCapwap, 5246, 5247), &stamp), V{12});
   EXPECT_EQ(stamp, kCapwapType);
   // Any other board type switches it off again.
   ASSERT_EQ(Send(BoardTypeMsg(2)), 0);
-  EXPECT_EQ(Where(Udp(kCapwap, 5246, 5247)), V{0});
+  EXPECT_EQ(Where(CascadeUdp(kCapwap, 5246, 5247)), V{0});
 }
 
 TEST_F(WlanDispatchTest, EachLbTypeReachesItsVcpusStampedAndCounted) {
@@ -94,24 +90,24 @@ TEST_F(WlanDispatchTest, EachLbTypeReachesItsVcpusStampedAndCounted) {
   uint8_t stamp = 0;
   // CAPWAP: the flow's entry.
   ASSERT_EQ(Send(CapwapMsg(Flow(12))), 0);
-  EXPECT_EQ(Where(Udp(kCapwap, 5246, 5247), &stamp), V{12});
+  EXPECT_EQ(Where(CascadeUdp(kCapwap, 5246, 5247), &stamp), V{12});
   EXPECT_EQ(stamp, kCapwapType);
   // Keep-alive: the session words of the packet.
   ASSERT_EQ(Send(CapwapKaMsg(kSession, 7)), 0);
-  EXPECT_EQ(Where(Udp(kKeepAlive, 5247, 5247, KeepAlivePayload()), &stamp), V{7});
+  EXPECT_EQ(Where(CascadeUdp(kKeepAlive, 5247, 5247, KeepAlivePayload()), &stamp), V{7});
   EXPECT_EQ(stamp, kKaType);
   // AAA by MAC: the source MAC 00:00:5e:00:01:02 hashes to slot 4 of five
   // NAC vCPUs.
   ASSERT_EQ(Send(NacMsg(3, {20, 21, 22, 23, 9})), 0);
-  EXPECT_EQ(Where(Udp(kMac, 68, 67), &stamp), V{9});
+  EXPECT_EQ(Where(CascadeUdp(kMac, 68, 67), &stamp), V{9});
   EXPECT_EQ(stamp, kMacType);
   // AAA by port: the Portal entry, then a source-port entry spreading by
   // destination port (55692 is the second range vCPU).
   ASSERT_EQ(Send(PortalMsg(8080, 3)), 0);
-  EXPECT_EQ(Where(Udp(kPort, 40000, 8080), &stamp), V{3});
+  EXPECT_EQ(Where(CascadeUdp(kPort, 40000, 8080), &stamp), V{3});
   EXPECT_EQ(stamp, kPortType);
   ASSERT_EQ(Send(SocketPortMsg(1812, false, 1, 0)), 0);
-  EXPECT_EQ(Where(Udp(kPort, 1812, 55692)), V{2});
+  EXPECT_EQ(Where(CascadeUdp(kPort, 1812, 55692)), V{2});
   std::map<uint32_t, uint32_t> counted;
   for (auto [v, t] : {std::pair<uint32_t, uint32_t>{2, kPortType},
                       {3, kPortType},
@@ -124,7 +120,7 @@ TEST_F(WlanDispatchTest, EachLbTypeReachesItsVcpusStampedAndCounted) {
 
   // RADIUS CoA: a copy to each NAC vCPU, each counted for its vCPU and type.
   ASSERT_EQ(Send(NacMsg(3, {20, 21, 22})), 0);
-  EXPECT_EQ(Where(Udp(kPort, 40000, 3799), &stamp), (V{20, 21, 22}));
+  EXPECT_EQ(Where(CascadeUdp(kPort, 40000, 3799), &stamp), (V{20, 21, 22}));
   EXPECT_EQ(stamp, kPortType);
   for (uint32_t v : {20u, 21u, 22u}) {
     EXPECT_EQ(Counters()[v], 1u) << v;
@@ -132,13 +128,13 @@ TEST_F(WlanDispatchTest, EachLbTypeReachesItsVcpusStampedAndCounted) {
   }
   // Ten: the first eight get a copy; a decision of eight counts under 0.
   ASSERT_EQ(Send(NacMsg(3, {20, 21, 22, 23, 24, 25, 26, 27, 28, 29})), 0);
-  EXPECT_EQ(Where(Udp(kPort, 40000, 3799), &stamp), (V{20, 21, 22, 23, 24, 25, 26, 27}));
+  EXPECT_EQ(Where(CascadeUdp(kPort, 40000, 3799), &stamp), (V{20, 21, 22, 23, 24, 25, 26, 27}));
   EXPECT_EQ(stamp, kPortType);
   EXPECT_EQ(Counters()[0], 1u);
   EXPECT_EQ(Counters()[Wlan(23, kPortType)], 0u);
   // No NAC vCPU at all: nothing decided, the default receiver.
   ASSERT_EQ(Send(NacMsg(3, {})), 0);
-  EXPECT_EQ(Where(Udp(kPort, 40000, 3799)), V{0});
+  EXPECT_EQ(Where(CascadeUdp(kPort, 40000, 3799)), V{0});
 }
 
 TEST_F(WlanDispatchTest, CapwapTriesTheExactEntryThenDestinationPortThenBothPorts) {
@@ -147,8 +143,8 @@ TEST_F(WlanDispatchTest, CapwapTriesTheExactEntryThenDestinationPortThenBothPort
   const CapwapEntry dport_only{0xFFFFFFFF, 0xFFFFFFFF, 0xFFFF, 5247, 0xFF, 9};
   // A process is taken by its low byte.
   const CapwapEntry exact{Ipv4Addr("10.1.1.1"), Ipv4Addr("10.1.1.2"), 40000, 5247, 0, 0x10C};
-  const Bytes flow = Udp(kCapwap, 40000, 5247);
-  const Bytes other_sport = Udp(kCapwap, 1234, 5247, Bytes(20, 0), Ipv4Addr("10.9.9.9"));
+  const Bytes flow = CascadeUdp(kCapwap, 40000, 5247);
+  const Bytes other_sport = CascadeUdp(kCapwap, 1234, 5247, Bytes(20, 0), Ipv4Addr("10.9.9.9"));
 
   ASSERT_EQ(Send(CapwapMsg(both_ports)), 0);
   EXPECT_EQ(Where(flow), V{3});
@@ -245,19 +241,21 @@ TEST_F(WlanDispatchTest, DecisionsSeeOnlyWholeSettingsWhileEveryTableChanges) {
   std::vector<std::thread> packets;
   for (uint32_t t = 0; t < 2; ++t) {
     packets.emplace_back([t, &rounds, &changes] {
-      const Bytes frames[] = {Udp(kCapwap, 5246, 5247, Bytes(20, 0), Ipv4Addr("10.1.1.1") + t),
-                              Udp(kKeepAlive, 5247, 5247, KeepAlivePayload()),
-                              Udp(kMac, 68, 67),
-                              Udp(kPort, 40000, 8080),
-                              Udp(kPort2, 40000, 8081),
-                              Udp(kPort, 1812, 58500)};  // the range's vCPU 20
+      const Bytes frames[] = {
+          CascadeUdp(kCapwap, 5246, 5247, Bytes(20, 0), Ipv4Addr("10.1.1.1") + t),
+          CascadeUdp(kKeepAlive, 5247, 5247, KeepAlivePayload()),
+          CascadeUdp(kMac, 68, 67),
+          CascadeUdp(kPort, 40000, 8080),
+          CascadeUdp(kPort2, 40000, 8081),
+          CascadeUdp(kPort, 1812, 58500)};  // the range's vCPU 20
       // A full receive queue fails the delivery, not the decision.
       uint32_t& i = rounds[t];
       const uint32_t from = changes.load();
       for (; i < 1000 || changes.load() < from + 500; ++i) {
         // A changing order keeps the threads from falling into step.
         for (size_t k = 0; k < 6; ++k) env().Deliver(1, frames[(k + i) % 6]);
-        env().Deliver(1, Udp(kCapwap, 5246, 5247, Bytes(20, 0), Ipv4Addr("10.2.0.0") + i % 64));
+        env().Deliver(1,
+                      CascadeUdp(kCapwap, 5246, 5247, Bytes(20, 0), Ipv4Addr("10.2.0.0") + i % 64));
       }
     });
   }

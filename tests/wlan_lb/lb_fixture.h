@@ -1,6 +1,5 @@
-// The WLAN tables as their users reach them: LB messages (control message
-// 10) from a worker, and the views an operator reads back. Safe for
-// scenarios: everything goes through env().
+// LB messages (control message 10) from a worker and the views an operator
+// reads back, all through env(), so that scenarios may use them.
 #ifndef VANE_TESTS_WLAN_LB_LB_FIXTURE_H
 #define VANE_TESTS_WLAN_LB_LB_FIXTURE_H
 
@@ -8,7 +7,6 @@
 
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <optional>
 #include <string>
 #include <vector>
@@ -30,15 +28,12 @@ inline Bytes Resized(Bytes m, size_t len) {
   return m;
 }
 
-inline std::string Text(const std::optional<Bytes>& b) {
-  return b ? std::string(b->begin(), b->end()) : "<unreadable>";
-}
-
 // Chooses a view of the attribute and reads it.
 inline std::string View(const std::string& selector) {
   EXPECT_EQ(env().Write(kAttr, Bytes(selector.begin(), selector.end())),
             static_cast<long>(selector.size()));
-  return Text(env().Read(kAttr));
+  const Bytes text = env().Read(kAttr).value_or(Bytes{'?'});
+  return std::string(text.begin(), text.end());
 }
 
 // The numbers of the statistics view: the seven message counters by set
