@@ -38,6 +38,17 @@ constexpr uint16_t kCascadeVpType = 0x8899;
 Bytes CauseHead(uint16_t cause);
 // TestRanges() with the layout above.
 BYPASS_PKT_OFFSET_S CascadeConfig();
+// Multi-core packets of that layout carrying `cause`, from MAC
+// 00:00:5e:00:01:02 to 00:11:22:33:44:55 and from IPv4 `src` to 10.1.1.2:
+// a UDP datagram, and a fragment (offset in 8-byte units; the first one
+// carries UDP 5246 -> 5247) with 24 bytes of data.
+Bytes CascadeUdp(uint16_t cause, uint16_t sport, uint16_t dport, const Bytes& payload = Bytes(20),
+                 uint32_t src = 0x0A010101);
+Bytes CascadeFragment(uint16_t cause, uint16_t id, bool mf, uint16_t off);
+// An internal VP frame of that layout: outer MAC 0A:0B:0B:<vcpu>, the VP
+// EtherType, the first-fragment mark (0xAB marks one), then an inner IPv4
+// fragment of datagram 0x5151.
+Bytes CascadeVp(uint16_t cause, uint8_t vcpu, uint8_t mark, bool mf, uint16_t off);
 
 // A CAPWAP data keep-alive as a UDP payload: HLEN 2 (the flags byte is
 // byte 3), one session-ID element of `elen` bytes with the given type and

@@ -177,6 +177,25 @@ size_t Worker::Pending(int protocol) {
   return stash(protocol).size();
 }
 
+Receivers::Receivers(std::initializer_list<uint32_t> vcpus) {
+  for (uint32_t v : vcpus) {
+    workers_[v] = std::make_unique<Worker>();
+    EXPECT_EQ(workers_[v]->Register(kNormal, v), 0) << "vCPU " << v;
+  }
+}
+
+std::vector<uint32_t> Receivers::Deliver(const std::vector<uint8_t>& packet) {
+  env().Deliver(1, packet);
+  std::vector<uint32_t> got;
+  for (auto& [v, w] : workers_) {
+    while (auto d = w->Next()) {
+      got.push_back(v);
+      last_ = d->data;
+    }
+  }
+  return got;
+}
+
 std::string DebugText() {
   std::vector<uint8_t> bytes = env().Read("/proc/bypassDebug/debug").value_or(Bytes{});
   auto end = std::find(bytes.begin(), bytes.end(), 0);

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <initializer_list>
 #include <map>
 #include <memory>
 #include <optional>
@@ -127,6 +128,27 @@ class Worker {
   size_t fast_overruns_ = 0;
   std::unique_ptr<Port> normal_;
   std::unique_ptr<Port> fast_;
+};
+
+// Workers registered on the normal channel, one per vCPU (0: the default
+// receiver), and where a packet handed in ends up.
+class Receivers {
+ public:
+  explicit Receivers(std::initializer_list<uint32_t> vcpus);
+  Worker& operator[](uint32_t vcpu) { return *workers_.at(vcpu); }
+  // Hands the packet in as message type 1 and returns the vCPUs whose worker
+  // got a copy, in vCPU order; last() is the last copy's data.
+  std::vector<uint32_t> Deliver(const std::vector<uint8_t>& packet);
+  // The one vCPU whose worker got the packet, or -1.
+  int Only(const std::vector<uint8_t>& packet) {
+    const std::vector<uint32_t> got = Deliver(packet);
+    return got.size() == 1 ? static_cast<int>(got[0]) : -1;
+  }
+  const std::vector<uint8_t>& last() const { return last_; }
+
+ private:
+  std::map<uint32_t, std::unique_ptr<Worker>> workers_;
+  std::vector<uint8_t> last_;
 };
 
 // User backend only: a peer with the given process id (defined by

@@ -1,54 +1,81 @@
-// A worker that sends LB configuration messages (control message 10), and
-// the module fixture around it, for the WLAN message and view tests.
+// LB messages (control message 10) from a worker and the views an operator
+// reads back, all through env(), so that scenarios may use them.
 #ifndef VANE_TESTS_WLAN_LB_LB_FIXTURE_H
 #define VANE_TESTS_WLAN_LB_LB_FIXTURE_H
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
+#include <cstdlib>
 #include <optional>
+#include <string>
 #include <vector>
 
-#include "drv_vane/netlink.h"
-#include "drv_vane/wlan_lb.h"
+#include "support/env.h"
+#include "support/frames.h"
 #include "support/module_env.h"
 #include "support/wlan_msgs.h"
 
 namespace vane::test {
 
-// Resized to `len` bytes: cut, or padded with zeros.
-inline std::vector<uint8_t> Resized(std::vector<uint8_t> m, size_t len) {
+inline constexpr char kAttr[] = "/sys/class/wlan_lb/wlan_lb/wlan_lb";
+inline constexpr char kCapwapFile[] = "/proc/wlan_lb/capwap";
+inline constexpr char kKaFile[] = "/proc/wlan_lb/capwap_ka";
+
+// Cut to `len` bytes, or padded with zeros.
+inline Bytes Resized(Bytes m, size_t len) {
   m.resize(len, 0);
   return m;
 }
 
-// A registered worker sending LB messages; each send returns the ack's code.
-class LbSender {
- public:
-  explicit LbSender(uint32_t pid = 4242) : worker_(pid) { worker_.Register(kNormal, 0); }
-  int Send(const std::vector<uint8_t>& payload, const CtrlOptions& opt = {}) {
-    return worker_.Control(NETLINK_MID_WLAN_LB, payload, kNormal, opt).value_or(-999);
+// Chooses a view of the attribute and reads it.
+inline std::string View(const std::string& selector) {
+  EXPECT_EQ(env().Write(kAttr, Bytes(selector.begin(), selector.end())),
+            static_cast<long>(selector.size()));
+  const Bytes text = env().Read(kAttr).value_or(Bytes{'?'});
+  return std::string(text.begin(), text.end());
+}
+
+// The numbers of the statistics view: the seven message counters by set
+// type, then the board type.
+inline std::vector<uint32_t> Stats() {
+  std::vector<uint32_t> out;
+  const std::string text = View("3");
+  for (size_t at = text.find(':'); at != std::string::npos; at = text.find(':', at + 1)) {
+    out.push_back(static_cast<uint32_t>(std::strtoul(text.c_str() + at + 1, nullptr, 10)));
   }
+  return out;
+}
 
- private:
-  Worker worker_;
-};
+// What the two proc files show for a key written first.
+inline Bytes CapwapRecords(uint64_t sip) {
+  EXPECT_EQ(env().Write(kCapwapFile, RecordBytes(sip)), 8);
+  return env().Read(kCapwapFile).value_or(Bytes{});
+}
+inline Bytes KaRecord(const uint32_t (&session)[4]) {
+  EXPECT_EQ(env().Write(kKaFile, RecordBytes(session)), 16);
+  return env().Read(kKaFile).value_or(Bytes{});
+}
 
-// The module loaded around each test, with a registered sender.
+// The module loaded around each test, with a worker registered as the
+// default receiver that sends the LB messages.
 class LbModuleTest : public ModuleTest {
  protected:
   void SetUp() override {
     ModuleTest::SetUp();
-    sender_.emplace();
+    ctl_.emplace();
+    ASSERT_EQ(ctl_->Register(kNormal, 0), 0);
   }
   void TearDown() override {
-    sender_.reset();
+    ctl_.reset();
     ModuleTest::TearDown();
   }
-  int Send(const std::vector<uint8_t>& payload, const CtrlOptions& opt = {}) {
-    return sender_->Send(payload, opt);
+  // The acknowledgement's code.
+  int Send(const Bytes& msg, const CtrlOptions& opt = {}) {
+    return ctl_->Control(10, msg, kNormal, opt).value_or(-9999);
   }
 
- private:
-  std::optional<LbSender> sender_;
+  std::optional<Worker> ctl_;
 };
 
 }  // namespace vane::test
